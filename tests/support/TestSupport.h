@@ -1,0 +1,55 @@
+// Helpers shared by the test suites.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "KanduLog.h"
+
+namespace ZarnTest {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its content when the
+// object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return m_path; }
+  std::string sub(const std::string& name) const { return m_path + "/" + name; }
+
+ private:
+  std::string m_path;
+};
+
+// Captures log lines while alive (and restores the previous destination after).
+class LogCapture {
+ public:
+  explicit LogCapture(Velto::Kandu::LogLevel level = Velto::Kandu::LOG_TRACE);
+  ~LogCapture();
+  std::vector<std::string> lines() const;
+  // Number of captured lines containing `text`.
+  size_t count(const std::string& text) const;
+  bool contains(const std::string& text) const { return count(text) > 0; }
+  void clear();
+
+ private:
+  mutable std::mutex m_mutex;
+  std::vector<std::string> m_lines;
+  Velto::Kandu::LogLevel m_previousLevel;
+};
+
+// A valid frame: head with magic, type, sub-type, sequence, length, packed UTC
+// time and checksum; `payload` bytes of a pattern derived from the sequence;
+// the tail. Total length 32 + payload.
+std::vector<uint8_t> makeFrame(uint8_t type, uint8_t subType, uint32_t sequence, uint32_t utcTime,
+                               uint32_t payload, uint16_t msStamp = 0);
+
+// Polls `condition` every 2 ms until it holds or timeoutMs passes.
+bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);
+
+}  // namespace ZarnTest
