@@ -1,0 +1,11 @@
+// The whole Kandu runtime: threads, timers, locks, calendar time, local files,
+// logging and CRC-32.
+#pragma once
+
+#include "KanduCrc.h"
+#include "KanduFile.h"
+#include "KanduLog.h"
+#include "KanduSync.h"
+#include "KanduThread.h"
+#include "KanduTime.h"
+#include "KanduTimer.h"

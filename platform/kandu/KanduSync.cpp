@@ -1,0 +1,26 @@
+#include "KanduSync.h"
+
+#include <chrono>
+
+namespace Velto::Kandu {
+
+void CSemaphore::post() {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_count;
+  }
+  m_cond.notify_one();
+}
+
+int CSemaphore::pend(uint32_t timeoutMs) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  if (timeoutMs == kInfinite) {
+    m_cond.wait(lock, [this] { return m_count > 0; });
+  } else if (!m_cond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return m_count > 0; })) {
+    return -1;
+  }
+  --m_count;
+  return 0;
+}
+
+}  // namespace Velto::Kandu

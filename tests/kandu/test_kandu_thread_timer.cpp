@@ -1,0 +1,338 @@
+// Threads and the shared timer service: run counts, self-stop and self-restart,
+// waiting stops and destruction, execution time-out warnings, pool size.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KanduThread.h"
+#include "KanduTimer.h"
+#include "TestSupport.h"
+
+using Velto::Kandu::CThread;
+using Velto::Kandu::CThreadLite;
+using Velto::Kandu::CTimer;
+using Velto::Kandu::sleepMs;
+using ZarnTest::waitFor;
+
+namespace {
+
+// Counts entries into a procedure and remembers whether two ever overlapped.
+struct OverlapProbe {
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
+  std::atomic<int> runs{0};
+  void enter() {
+    if (inside.fetch_add(1) != 0) overlapped = true;
+    ++runs;
+  }
+  void leave() { --inside; }
+};
+
+// ---------------------------------------------------------------- one-shot
+
+TEST(TimerTest, OneShotRunsExactlyOnceAndIsRunningTurnsFalse) {
+  std::atomic<int> runs{0};
+  std::atomic<CTimer*> seen{nullptr};
+  std::atomic<uintptr_t> seenParam{0};
+  CTimer timer("one shot");
+  ASSERT_TRUE(timer.start([&](CTimer* t) { seen = t; seenParam = t->param(); ++runs; }, 30, 0, 42));
+  EXPECT_TRUE(timer.isRunning());
+  ASSERT_TRUE(waitFor([&] { return runs.load() == 1 && !timer.isRunning(); }));
+  EXPECT_EQ(seen.load(), &timer);
+  EXPECT_EQ(seenParam.load(), 42u);
+  sleepMs(150);
+  EXPECT_EQ(runs.load(), 1);
+  EXPECT_FALSE(timer.isRunning());
+}
+
+// ---------------------------------------------------------------- periodic
+
+TEST(TimerTest, PeriodicRunsUntilStoppedAndNeverOverlaps) {
+  OverlapProbe probe;
+  CTimer timer("periodic");
+  // Each run lasts longer than the period: the next must wait for it.
+  ASSERT_TRUE(timer.start([&](CTimer*) { probe.enter(); sleepMs(3); probe.leave(); }, 0, 1));
+  ASSERT_TRUE(waitFor([&] { return probe.runs.load() >= 20; }));
+  EXPECT_TRUE(timer.isRunning());
+  timer.stop(true);
+  EXPECT_FALSE(timer.isRunning());
+  int after = probe.runs.load();
+  sleepMs(100);
+  EXPECT_EQ(probe.runs.load(), after);
+  EXPECT_FALSE(probe.overlapped.load());
+}
+
+TEST(TimerTest, StopFromInsideOwnProcedureDoesNotDeadlockAndEndsRuns) {
+  std::atomic<int> runs{0};
+  std::atomic<bool> stopReturned{false};
+  CTimer timer("self stop");
+  ASSERT_TRUE(timer.start(
+      [&](CTimer* t) {
+        if (++runs == 3) {
+          t->stop(true);  // waiting here would wait for ourselves
+          stopReturned = true;
+        }
+      },
+      0, 5));
+  ASSERT_TRUE(waitFor([&] { return stopReturned.load(); }));
+  EXPECT_TRUE(waitFor([&] { return !timer.isRunning(); }));
+  sleepMs(100);
+  EXPECT_EQ(runs.load(), 3);
+}
+
+TEST(TimerTest, SetPeriodFromInsideAppliesToTheNextScheduling) {
+  // A long period shortened by the first run: later runs follow at once.
+  std::atomic<int> runs{0};
+  CTimer faster("period shortened");
+  ASSERT_TRUE(faster.start([&](CTimer* t) { if (++runs == 1) t->setPeriod(5); }, 0, 600000));
+  EXPECT_TRUE(waitFor([&] { return runs.load() >= 5; }));
+  EXPECT_EQ(faster.period(), 5u);
+}
+
+// ---------------------------------------------------------------- restart
+
+TEST(TimerTest, ProcedureRestartingItsOwnTimerNeverOverlapsItself) {
+  OverlapProbe probe;
+  CTimer timer("self restart");
+  Velto::Kandu::TimerProcedure procedure;
+  procedure = [&](CTimer* t) {
+    probe.enter();
+    if (probe.runs.load() < 4) t->start(procedure, 0);  // due at once, while this run still executes
+    sleepMs(20);
+    probe.leave();
+  };
+  ASSERT_TRUE(timer.start(procedure, 0));
+  ASSERT_TRUE(waitFor([&] { return probe.runs.load() == 4 && !timer.isRunning(); }));
+  sleepMs(100);
+  EXPECT_EQ(probe.runs.load(), 4);
+  EXPECT_FALSE(probe.overlapped.load());
+}
+
+TEST(TimerTest, StartOnAPendingTimerReplacesItsScheduleAndStopCancels) {
+  std::atomic<int> oldRuns{0}, newRuns{0};
+  CTimer timer("restarted");
+  ASSERT_TRUE(timer.start([&](CTimer*) { ++oldRuns; }, 300, 300));
+  ASSERT_TRUE(timer.start([&](CTimer*) { ++newRuns; }, 0, 0, 7));
+  ASSERT_TRUE(waitFor([&] { return newRuns.load() == 1 && !timer.isRunning(); }));
+  EXPECT_EQ(timer.param(), 7u);
+  ASSERT_TRUE(timer.start([&](CTimer*) { ++newRuns; }, 200));
+  timer.stop();
+  EXPECT_FALSE(timer.isRunning());
+  sleepMs(600);
+  EXPECT_EQ(oldRuns.load(), 0);
+  EXPECT_EQ(newRuns.load(), 1);
+}
+
+// ---------------------------------------------------------------- waiting
+
+// stop(true) and ~CTimer return only after a procedure in progress has returned.
+TEST(TimerTest, StopWithWaitAndDestructionWaitForTheRunningProcedure) {
+  for (bool destroy : {false, true}) {
+    std::atomic<bool> entered{false}, finished{false};
+    auto timer = std::make_unique<CTimer>("waited for");
+    ASSERT_TRUE(timer->start([&](CTimer*) { entered = true; sleepMs(300); finished = true; }, 0, 5));
+    ASSERT_TRUE(waitFor([&] { return entered.load(); }));
+    if (destroy)
+      timer.reset();
+    else
+      timer->stop(true);
+    EXPECT_TRUE(finished.load()) << (destroy ? "destructor" : "stop");
+  }
+}
+
+// An engine closed through its own one-shot timer: the run drops the last
+// reference, so ~CTimer runs on the timer's own thread. The service must neither
+// wait for itself nor touch the freed timer afterwards.
+struct SelfReleasingEngine {
+  CTimer timer{"async delete"};
+  std::shared_ptr<SelfReleasingEngine> self;  // kept while closing
+  std::atomic<bool>* destroyed = nullptr;
+  ~SelfReleasingEngine() { *destroyed = true; }
+};
+
+TEST(TimerTest, ProcedureMayReleaseTheObjectOwningItsTimer) {
+  std::atomic<bool> destroyed{false};
+  std::atomic<bool> sawOwnTimer{false};
+  auto engine = std::make_shared<SelfReleasingEngine>();
+  engine->destroyed = &destroyed;
+  engine->self = engine;
+  ASSERT_TRUE(engine->timer.start(
+      [&sawOwnTimer](CTimer* t) {
+        auto* e = reinterpret_cast<SelfReleasingEngine*>(t->param());
+        sawOwnTimer = (t == &e->timer);
+        e->self.reset();  // the last reference: ~CTimer runs inside its own procedure
+      },
+      0, 0, reinterpret_cast<uintptr_t>(engine.get()), 60000));
+  engine.reset();
+  ASSERT_TRUE(waitFor([&] { return destroyed.load(); }));
+  EXPECT_TRUE(sawOwnTimer.load());
+
+  std::atomic<int> runs{0};
+  CTimer after("after self release");
+  ASSERT_TRUE(after.start([&](CTimer*) { ++runs; }, 0));
+  EXPECT_TRUE(waitFor([&] { return runs.load() == 1; }));
+}
+
+TEST(TimerTest, ConcurrentStartAndStopFromManyThreads) {
+  std::atomic<int> runs{0};
+  CTimer timer("contended");
+  std::vector<std::unique_ptr<CThreadLite>> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.push_back(std::make_unique<CThreadLite>("contender", [&, i](CThreadLite& self) {
+      while (self.isLooping()) {
+        if (i % 2 == 0)
+          timer.start([&](CTimer*) { ++runs; }, 0, 1);
+        else
+          timer.stop(i == 1);
+      }
+    }));
+    ASSERT_TRUE(threads.back()->create());
+  }
+  sleepMs(300);
+  threads.clear();
+  timer.stop(true);
+  EXPECT_FALSE(timer.isRunning());
+  int after = runs.load();
+  sleepMs(50);
+  EXPECT_EQ(runs.load(), after);
+}
+
+// ---------------------------------------------------------------- time-out
+
+TEST(TimerTest, OverrunningProcedureIsReportedOnceByName) {
+  ZarnTest::LogCapture log(Velto::Kandu::LOG_WARN);
+  std::atomic<bool> warned{false};
+  CTimer timer("slow maintenance pass");
+  ASSERT_TRUE(timer.start(
+      [&](CTimer*) {
+        // Not interrupted: keeps going until the warning is out, then a little more.
+        warned = waitFor([&] { return log.contains("slow maintenance pass"); }, 10000);
+        sleepMs(100);
+      },
+      0, 0, 0, 50));
+  ASSERT_TRUE(waitFor([&] { return !timer.isRunning(); }, 15000));
+  EXPECT_TRUE(warned.load());
+  EXPECT_EQ(log.count("slow maintenance pass"), 1u);
+  EXPECT_EQ(log.count("50 ms"), 1u);
+}
+
+// ---------------------------------------------------------------- pool
+
+TEST(TimerServiceTest, ThousandsOfIdleTimersCostNoThreads) {
+  // Earlier tests may have grown the pool; surplus workers age out after seconds,
+  // so compare with what is there now rather than with an absolute count.
+  const uint32_t before = Velto::Kandu::timerServiceWorkerCount();
+  std::vector<std::unique_ptr<CTimer>> timers;
+  std::atomic<int> runs{0};
+  for (int i = 0; i < 2000; ++i) {
+    timers.push_back(std::make_unique<CTimer>("idle " + std::to_string(i)));
+    ASSERT_TRUE(timers.back()->start([&](CTimer*) { ++runs; }, 3600000, 60000));
+  }
+  EXPECT_LE(Velto::Kandu::timerServiceWorkerCount(), std::max(before, 4u));
+  for (auto& t : timers) EXPECT_TRUE(t->isRunning());
+  timers.clear();
+  EXPECT_EQ(runs.load(), 0);
+
+  // The same number falling due together, with trivial procedures: all run once.
+  for (int i = 0; i < 2000; ++i) {
+    timers.push_back(std::make_unique<CTimer>("burst " + std::to_string(i)));
+    ASSERT_TRUE(timers.back()->start([&](CTimer*) { ++runs; }, 20));
+  }
+  ASSERT_TRUE(waitFor([&] { return runs.load() == 2000; }, 15000));
+  auto allEnded = [&] { return std::none_of(timers.begin(), timers.end(), [](auto& t) { return t->isRunning(); }); };
+  EXPECT_TRUE(waitFor(allEnded));
+  sleepMs(50);
+  EXPECT_EQ(runs.load(), 2000);
+}
+
+TEST(TimerServiceTest, PoolGrowsWhileProceduresBlock) {
+  // Six procedures that each wait for all six to be inside at once can only
+  // finish if the pool gives them six workers.
+  constexpr int kBlocked = 6;
+  std::atomic<int> inside{0};
+  std::atomic<int> completed{0};
+  std::vector<std::unique_ptr<CTimer>> timers;
+  for (int i = 0; i < kBlocked; ++i) {
+    timers.push_back(std::make_unique<CTimer>("blocking " + std::to_string(i)));
+    ASSERT_TRUE(timers.back()->start(
+        [&](CTimer*) { ++inside; completed += waitFor([&] { return inside.load() == kBlocked; }, 10000); }, 0));
+  }
+  ASSERT_TRUE(waitFor([&] { return completed.load() == kBlocked; }, 15000));
+  EXPECT_GE(Velto::Kandu::timerServiceWorkerCount(), static_cast<uint32_t>(kBlocked));
+}
+
+// ---------------------------------------------------------------- threads
+
+class CountingThread : public CThread {
+ public:
+  CountingThread() : CThread("a counting thread with a long name") {}
+  ~CountingThread() override { destroy(); }
+  std::atomic<int> loops{0};
+  std::string osName;
+  size_t stackBytes = 0;
+
+ protected:
+  void threadProc() override {
+    char name[32] = {};
+    ::pthread_getname_np(::pthread_self(), name, sizeof(name));
+    osName = name;
+    pthread_attr_t attr;
+    if (::pthread_getattr_np(::pthread_self(), &attr) == 0) {
+      ::pthread_attr_getstacksize(&attr, &stackBytes);
+      ::pthread_attr_destroy(&attr);
+    }
+    for (; isLooping(); sleepMs(1)) ++loops;
+  }
+};
+
+TEST(ThreadTest, CThreadLoopsUntilDestroyedWithNameAndStack) {
+  CountingThread thread;
+  EXPECT_FALSE(thread.isRunning());
+  ASSERT_TRUE(thread.create(512));
+  EXPECT_TRUE(thread.isRunning());
+  EXPECT_TRUE(thread.isLooping());
+  EXPECT_FALSE(thread.create(512));  // already running
+  ASSERT_TRUE(waitFor([&] { return thread.loops.load() >= 5; }));
+  thread.destroy();
+  EXPECT_FALSE(thread.isRunning());
+  EXPECT_FALSE(thread.isLooping());
+  int after = thread.loops.load();
+  sleepMs(30);
+  EXPECT_EQ(thread.loops.load(), after);
+  EXPECT_EQ(thread.osName, "a counting thre");  // the OS keeps 15 characters
+  EXPECT_GE(thread.stackBytes, 512u * 1024u);
+  EXPECT_LT(thread.stackBytes, 8u * 1024u * 1024u);  // not the default size
+
+  // A destroyed thread can be created again.
+  ASSERT_TRUE(thread.create());
+  ASSERT_TRUE(waitFor([&] { return thread.loops.load() > after; }));
+  thread.destroy();
+  thread.destroy();  // harmless when not running
+}
+
+TEST(ThreadDeathTest, CThreadDestroyedWhileItsProcedureRunsAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  class Forgetful : public CThread {
+   public:
+    Forgetful() : CThread("forgetful") {}
+
+   protected:
+    void threadProc() override {
+      while (isLooping()) sleepMs(1);
+    }
+  };
+  EXPECT_DEATH(
+      {
+        auto* thread = new Forgetful();
+        thread->create();
+        delete thread;  // no destroy(): a programming error
+      },
+      "destroy");
+}
+
+}  // namespace

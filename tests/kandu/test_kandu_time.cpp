@@ -1,0 +1,132 @@
+// Calendar time and clocks: UTC conversion both ways, normalisation of
+// out-of-range fields, format patterns, the replaceable wall clock.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "KanduThread.h"
+#include "KanduTime.h"
+
+using Velto::Kandu::CTime;
+
+namespace {
+
+// Parses "yyyy-MM-dd HH:mm:ss" back into seconds through makeTime, the way
+// record names are read.
+int64_t parseBack(const std::string& text) {
+  int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
+  if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d", &y, &mo, &d, &h, &mi, &s) != 6) return -1;
+  return CTime::makeTime(y, mo, d, h, mi, s);
+}
+
+// Reference values computed independently (Python calendar.timegm).
+TEST(CTimeTest, MakeTimeMatchesReferenceValues) {
+  EXPECT_EQ(CTime::makeTime(1970, 1, 1, 0, 0, 0), 0);
+  EXPECT_EQ(CTime::makeTime(2016, 5, 1, 23, 59, 30), 1462147170);
+  EXPECT_EQ(CTime::makeTime(2016, 2, 29, 12, 0, 0), 1456747200);
+  EXPECT_EQ(CTime::makeTime(2000, 2, 29, 0, 0, 0), 951782400);
+  EXPECT_EQ(CTime::makeTime(2038, 1, 19, 3, 14, 8), 2147483648LL);  // past the signed 32-bit limit
+  EXPECT_EQ(CTime(2016, 5, 1, 23, 59, 30).getTime(), 1462147170);
+}
+
+TEST(CTimeTest, MakeTimeNormalisesOutOfRangeFields) {
+  // hour 24 is midnight of the next day, across a year end
+  EXPECT_EQ(CTime::makeTime(2016, 12, 31, 24, 0, 0), CTime::makeTime(2017, 1, 1, 0, 0, 0));
+  // month 0 is December of the previous year
+  EXPECT_EQ(CTime::makeTime(2016, 0, 31, 0, 0, 0), 1451520000);
+  // day 0 is the last day of the previous month, leap February included
+  EXPECT_EQ(CTime::makeTime(2016, 5, 0, 0, 0, 0), 1461974400);
+  EXPECT_EQ(CTime::makeTime(2016, 3, 0, 0, 0, 0), 1456704000);
+  // 29 February of a non-leap century year is 1 March
+  EXPECT_EQ(CTime::makeTime(2100, 2, 29, 0, 0, 0), 4107542400LL);
+  // second 60 carries into the next minute, minute 60 into the next hour
+  EXPECT_EQ(CTime::makeTime(2016, 2, 29, 23, 59, 60), CTime::makeTime(2016, 3, 1, 0, 0, 0));
+  EXPECT_EQ(CTime::makeTime(2016, 2, 29, 23, 60, 1), 1456790401);
+  // month 13 is January of the next year; negative seconds borrow
+  EXPECT_EQ(CTime::makeTime(2016, 13, 1, 0, 0, 0), CTime::makeTime(2017, 1, 1, 0, 0, 0));
+  EXPECT_EQ(CTime::makeTime(2017, 1, 1, 0, 0, -1), 1483228799);
+}
+
+TEST(CTimeTest, FormatPatterns) {
+  CTime t(CTime::makeTime(2016, 5, 1, 3, 4, 5));
+  EXPECT_EQ(t.format("yyyy/MM/dd/HHmmss"), "2016/05/01/030405");
+  EXPECT_EQ(t.format("HHmmss"), "030405");
+  EXPECT_EQ(t.format("yyyy-MM-dd HH:mm:ss"), "2016-05-01 03:04:05");
+  EXPECT_EQ(t.format("yyMMdd"), "160501");
+  // characters outside the tokens are copied, including lone token letters
+  EXPECT_EQ(t.format("[y-M-d H:m:s]"), "[y-M-d H:m:s]");
+  EXPECT_EQ(t.format("media_7/yyyy/"), "media_7/2016/");
+  EXPECT_EQ(t.format(""), "");
+  EXPECT_EQ(CTime(CTime::makeTime(2009, 12, 31, 0, 0, 0)).format("yy"), "09");
+  // The field getters agree with the text; 2016-05-01 was a Sunday, the epoch a Thursday.
+  EXPECT_EQ(t.getYear() * 10000 + t.getMonth() * 100 + t.getDay(), 20160501);
+  EXPECT_EQ(t.getHour() * 10000 + t.getMinute() * 100 + t.getSecond(), 30405);
+  EXPECT_EQ(t.getDayOfWeek(), 0);
+  EXPECT_EQ(CTime(0).getDayOfWeek(), 4);
+}
+
+TEST(CTimeTest, FormatThenMakeTimeRoundTripsAcrossBoundaries) {
+  const int64_t boundaries[] = {
+      CTime::makeTime(2016, 12, 31, 23, 59, 59),  // year end
+      CTime::makeTime(2016, 2, 28, 23, 59, 59),   // before a leap day
+      CTime::makeTime(2016, 2, 29, 23, 59, 59),   // leap day end
+      CTime::makeTime(2000, 2, 29, 12, 0, 0),     // leap century
+      CTime::makeTime(2100, 2, 28, 23, 59, 59),   // non-leap century
+      CTime::makeTime(2016, 4, 30, 23, 59, 59),   // 30-day month end
+      CTime::makeTime(2038, 1, 19, 3, 14, 7),     // 32-bit signed limit
+  };
+  for (int64_t base : boundaries) {
+    for (int64_t s : {base - 1, base, base + 1, base + 2, base + 86400}) {
+      std::string text = CTime(s).format("yyyy-MM-dd HH:mm:ss");
+      EXPECT_EQ(parseBack(text), s) << text;
+    }
+  }
+  // A sweep over several years in steps that hit every hour and day of month.
+  for (int64_t s = CTime::makeTime(2015, 1, 1, 0, 0, 0); s < CTime::makeTime(2021, 1, 1, 0, 0, 0);
+       s += 86400 * 3 + 3600 + 61) {
+    std::string text = CTime(s).format("yyyy-MM-dd HH:mm:ss");
+    ASSERT_EQ(parseBack(text), s) << text;
+  }
+}
+
+TEST(CTimeTest, ConversionIgnoresTheMachineTimeZone) {
+  const char* saved = std::getenv("TZ");
+  std::string previous = saved ? saved : "";
+  int64_t before = CTime::makeTime(2016, 7, 1, 12, 0, 0);
+  ::setenv("TZ", "JST-9", 1);  // POSIX form: needs no zone database
+  ::tzset();
+  int64_t during = CTime::makeTime(2016, 7, 1, 12, 0, 0);
+  std::string text = CTime(before).format("HH");
+  // The zone really is in effect for the C library's local-time functions.
+  time_t probe = static_cast<time_t>(before);
+  struct tm local;
+  ::localtime_r(&probe, &local);
+  if (saved)
+    ::setenv("TZ", previous.c_str(), 1);
+  else
+    ::unsetenv("TZ");
+  ::tzset();
+  ASSERT_EQ(local.tm_hour, 21);
+  EXPECT_EQ(before, during);
+  EXPECT_EQ(text, "12");
+}
+
+// The wall clock follows a test's source; the monotonic clock never does.
+TEST(ClockTest, WallClockCanBeReplacedAndRestoredMonotonicCannot) {
+  const int64_t fake = CTime::makeTime(2016, 5, 1, 0, 0, 0) * 1000 + 250;
+  Velto::Kandu::setWallClockForTest([fake] { return fake; });
+  EXPECT_EQ(Velto::Kandu::wallClockMs(), fake);
+  EXPECT_EQ(CTime::now().format("yyyy-MM-dd"), "2016-05-01");
+  uint64_t before = Velto::Kandu::monotonicMs();
+  Velto::Kandu::sleepMs(20);
+  EXPECT_GE(Velto::Kandu::monotonicMs() - before, 19u);
+  EXPECT_EQ(Velto::Kandu::wallClockSeconds(), fake / 1000);
+
+  Velto::Kandu::setWallClockForTest(nullptr);
+  EXPECT_LE(std::llabs(Velto::Kandu::wallClockSeconds() - static_cast<int64_t>(std::time(nullptr))), 5);
+}
+
+}  // namespace
