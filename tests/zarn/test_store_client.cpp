@@ -1,0 +1,503 @@
+// The store client itself: addresses, options, the per-thread last error, the
+// state monitor, fault rules, and what the local backend adds to the contract.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+#include "FaultInjectingBackend.h"
+#include "LocalStoreBackend.h"
+#include "TestSupport.h"
+#include "ZarnClient.h"
+
+using namespace Velto::Zarn;
+namespace fs = std::filesystem;
+
+namespace {
+
+Config configFor(const std::string& address) { return Config{address.c_str(), 0, "root", ""}; }
+
+FaultRule rule(StoreOp op, int32_t code = ZARN_E_IO, uint32_t times = 0xFFFFFFFFu) {
+  FaultRule r;
+  r.op = op;
+  r.code = code;
+  r.times = times;
+  return r;
+}
+
+class RecordingListener : public IZarnListener {
+ public:
+  void onZarnStateChanged(CZarnFileSystem*, ZarnState state) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_states.push_back(state);
+  }
+  std::vector<int> states() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_states;
+  }
+
+ private:
+  mutable std::mutex m_mutex;
+  std::vector<int> m_states;
+};
+
+class RecordingFileListener : public IFileListener {
+ public:
+  void onFileStateChanged(CFile*, int state) override { states.push_back(state); }
+  std::vector<int> states;
+};
+
+// A client on a fault-injecting backend over a fresh local store.
+struct FaultyStore {
+  FaultyStore(uint64_t seed = 1) {
+    fault = std::make_shared<CFaultInjectingBackend>(makeLocalStoreBackend(dir.sub("store")), seed);
+    std::string root = dir.sub("store");
+    EXPECT_TRUE(client.initializeWithBackend(configFor(root), fault)) << getErrorMsg();
+    EXPECT_TRUE(client.createBucket("media_1"));
+  }
+  ZarnTest::TempDir dir;
+  std::shared_ptr<CFaultInjectingBackend> fault;
+  CZarnFileSystem client;
+};
+
+TEST(StoreClient, LastErrorIsKeptPerThread) {
+  ZarnTest::TempDir dir;
+  CZarnFileSystem client;
+  ASSERT_TRUE(client.initialize(configFor(dir.sub("store"))));
+  ASSERT_TRUE(client.createBucket("media_1"));
+
+  std::string otherMessage;
+  int32_t otherCode = 0;
+  std::thread other([&] {
+    EXPECT_FALSE(client.createBucket("media_1"));
+    otherCode = getLastError();
+    otherMessage = getErrorMsg();
+  });
+  EXPECT_FALSE(client.getBucket("media_404").isValid());
+  other.join();
+
+  EXPECT_EQ(getLastError(), ZARN_E_NO_SUCH_BUCKET);
+  EXPECT_NE(std::string(getErrorMsg()).find("media_404"), std::string::npos) << getErrorMsg();
+  EXPECT_EQ(otherCode, ZARN_E_BUCKET_EXISTS);
+  EXPECT_NE(otherMessage, getErrorMsg());
+
+  // A success leaves the last error alone.
+  EXPECT_TRUE(client.getBucket("media_1").isValid());
+  EXPECT_EQ(getLastError(), ZARN_E_NO_SUCH_BUCKET);
+  EXPECT_STREQ(zarnErrorText(-12345), "unknown store error");
+}
+
+TEST(StoreClient, OptionsAreCheckedStoredAndApplied) {
+  ZarnTest::TempDir dir;
+  CZarnFileSystem client;
+  int32_t mode = 3, timeout = 7000, level = 4;
+  ASSERT_TRUE(client.setOption(ZARN_OPT_CLIENT_MODE, &mode, sizeof mode));
+  ASSERT_TRUE(client.setOption(ZARN_OPT_TIMEOUT_MS, &timeout, sizeof timeout));
+  ASSERT_TRUE(client.setOption(ZARN_OPT_LOG_LEVEL, &level, sizeof level));
+  const std::string logPath = "./log/zarn";
+  ASSERT_TRUE(client.setOption(ZARN_OPT_LOG_PATH, logPath.data(), static_cast<uint32_t>(logPath.size())));
+  uint64_t cap = 5 << 20;
+  ASSERT_TRUE(client.setOption(ZARN_OPT_CAPACITY_LIMIT, &cap, sizeof cap));
+
+  int32_t got = 0;
+  uint32_t len = sizeof got;
+  ASSERT_TRUE(client.getOption(ZARN_OPT_TIMEOUT_MS, &got, len));
+  EXPECT_EQ(got, 7000);
+  EXPECT_EQ(len, 4u);
+  ASSERT_TRUE(client.getOption(ZARN_OPT_CLIENT_MODE, &got, len));
+  EXPECT_EQ(got, 3);
+  ASSERT_TRUE(client.getOption(ZARN_OPT_HEALTH_PERIOD_MS, &got, len));
+  EXPECT_EQ(got, 5000);
+  char text[64] = {};
+  len = sizeof text;
+  ASSERT_TRUE(client.getOption(ZARN_OPT_LOG_PATH, text, len));
+  EXPECT_EQ(std::string(text, len), logPath);
+  len = 3;
+  EXPECT_FALSE(client.getOption(ZARN_OPT_LOG_PATH, text, len));
+  EXPECT_EQ(len, logPath.size());
+
+  // Refusals: unknown option, wrong width, out of range.
+  EXPECT_FALSE(client.setOption(1, &mode, sizeof mode));
+  EXPECT_EQ(getLastError(), ZARN_E_INVALID_ARGUMENT);
+  EXPECT_FALSE(client.setOption(99, &mode, sizeof mode));
+  EXPECT_EQ(getLastError(), ZARN_E_INVALID_ARGUMENT);
+  EXPECT_FALSE(client.setOption(ZARN_OPT_TIMEOUT_MS, &cap, sizeof cap));
+  EXPECT_EQ(getLastError(), ZARN_E_INVALID_ARGUMENT);
+  int32_t badLevel = 6;
+  EXPECT_FALSE(client.setOption(ZARN_OPT_LOG_LEVEL, &badLevel, sizeof badLevel));
+  EXPECT_FALSE(client.setOption(ZARN_OPT_CAPACITY_LIMIT, &mode, sizeof mode));
+  len = sizeof got;
+  EXPECT_FALSE(client.getOption(42, &got, len));
+  EXPECT_EQ(getLastError(), ZARN_E_INVALID_ARGUMENT);
+  int32_t trace = 0;
+  ASSERT_TRUE(client.setOption(ZARN_OPT_LOG_LEVEL, &trace, sizeof trace));
+
+  // The capacity limit set before initialize reaches the backend.
+  ASSERT_TRUE(client.initialize(configFor(dir.sub("store"))));
+  SystemInfo info{};
+  ASSERT_TRUE(client.getSystemInfo(info));
+  EXPECT_EQ(info.totalCapacity, cap);
+  EXPECT_EQ(info.freeCapacity, cap);
+
+  ASSERT_TRUE(client.createBucket("media_1"));
+  auto f = client.createFile("media_1/x", 4, 1);
+  ASSERT_NE(f, nullptr);
+  ASSERT_TRUE(f->setOption(ZARN_OPT_TIMEOUT_MS, &timeout, sizeof timeout));
+  got = 0;
+  len = sizeof got;
+  ASSERT_TRUE(f->getOption(ZARN_OPT_TIMEOUT_MS, &got, len));
+  EXPECT_EQ(got, 7000);
+  EXPECT_FALSE(f->setOption(ZARN_OPT_CLIENT_MODE, &mode, sizeof mode));
+  EXPECT_EQ(getLastError(), ZARN_E_INVALID_ARGUMENT);
+}
+
+TEST(StoreClient, AddressesChooseTheBackend) {
+  ZarnTest::TempDir dir;
+  {
+    CZarnFileSystem client;
+    std::string address = "file://" + dir.sub("a/b/store");
+    ASSERT_TRUE(client.initialize(configFor(address))) << getErrorMsg();
+    EXPECT_TRUE(fs::is_directory(dir.sub("a/b/store")));
+    ASSERT_TRUE(client.createBucket("media_1"));
+    EXPECT_TRUE(fs::is_directory(dir.sub("a/b/store/media_1")));
+    EXPECT_FALSE(client.initialize(configFor(address)));
+    EXPECT_EQ(getLastError(), ZARN_E_INVALID_ARGUMENT);
+  }
+  {
+    CZarnFileSystem client;
+    ASSERT_TRUE(client.initialize(configFor(dir.sub("capped") + "?capacity=2M"))) << getErrorMsg();
+    SystemInfo info{};
+    ASSERT_TRUE(client.getSystemInfo(info));
+    EXPECT_EQ(info.totalCapacity, 2u << 20);
+    EXPECT_TRUE(fs::is_directory(dir.sub("capped")));
+  }
+  {
+    CZarnFileSystem client;
+    EXPECT_FALSE(client.initialize(configFor("ceph://mon1,mon2/zarn")));
+    EXPECT_EQ(getLastError(), ZARN_E_UNSUPPORTED);
+    EXPECT_NE(std::string(getErrorMsg()).find("ceph"), std::string::npos) << getErrorMsg();
+    EXPECT_FALSE(client.isInitialized());
+    EXPECT_FALSE(client.initialize(configFor("nosuch://x")));
+    EXPECT_EQ(getLastError(), ZARN_E_UNSUPPORTED);
+    EXPECT_FALSE(client.initialize(configFor(dir.sub("x") + "?capacity=12Q")));
+    EXPECT_EQ(getLastError(), ZARN_E_INVALID_ARGUMENT);
+    EXPECT_FALSE(fs::exists(dir.sub("x")));
+    EXPECT_FALSE(client.initialize(configFor("")));
+    // A failed initialize leaves the handle usable for a later one.
+    EXPECT_TRUE(client.initialize(configFor(dir.sub("late"))));
+  }
+  {
+    std::shared_ptr<CFaultInjectingBackend> made;
+    registerStoreBackend("fault", [&](const std::string& rest, std::shared_ptr<IStoreBackend>& out) {
+      made = std::make_shared<CFaultInjectingBackend>(makeLocalStoreBackend(rest));
+      out = made;
+      return 0;
+    });
+    CZarnFileSystem client;
+    ASSERT_TRUE(client.initialize(configFor("fault://" + dir.sub("faulty"))));
+    ASSERT_NE(made, nullptr);
+    made->addRule(rule(StoreOp::CreateBucket, ZARN_E_NO_SPACE));
+    EXPECT_FALSE(client.createBucket("media_1"));
+    EXPECT_EQ(getLastError(), ZARN_E_NO_SPACE);
+    EXPECT_EQ(made->callCount(StoreOp::CreateBucket), 1u);
+    client.close();
+    registerStoreBackend("fault", nullptr);
+    EXPECT_FALSE(client.initialize(configFor("fault://" + dir.sub("faulty"))));
+    EXPECT_EQ(getLastError(), ZARN_E_UNSUPPORTED);
+  }
+}
+
+TEST(StoreClient, HandlesFailAfterCloseAndANewConnectionStartsClean) {
+  ZarnTest::TempDir dir;
+  CZarnFileSystem client;
+  ASSERT_TRUE(client.initialize(configFor(dir.sub("store"))));
+  ASSERT_TRUE(client.createBucket("media_1"));
+  CBucket bucket = client.getBucket("media_1");
+  auto writer = client.createFile("media_1/w", 4, 1);
+  ASSERT_NE(writer, nullptr);
+  ASSERT_EQ(writer->write("abc", 3), 3);
+
+  client.close();
+  EXPECT_FALSE(client.isInitialized());
+  EXPECT_EQ(client.getState(), ZARN_STATE_FAILED);
+  CNameList names;
+  EXPECT_FALSE(bucket.list(names, "", "", 10));
+  EXPECT_EQ(getLastError(), ZARN_E_NOT_INITIALIZED);
+  EXPECT_EQ(writer->write("d", 1), -1);
+  EXPECT_EQ(getLastError(), ZARN_E_NOT_INITIALIZED);
+  EXPECT_FALSE(client.createBucket("media_2"));
+  EXPECT_EQ(getLastError(), ZARN_E_NOT_INITIALIZED);
+  SystemInfo info{};
+  EXPECT_FALSE(client.getSystemInfo(info));
+  EXPECT_EQ(getLastError(), ZARN_E_NOT_INITIALIZED);
+  EXPECT_FALSE(writer->close());  // released, but the connection is gone
+  EXPECT_EQ(getLastError(), ZARN_E_NOT_INITIALIZED);
+
+  ASSERT_TRUE(client.initialize(configFor(dir.sub("store"))));
+  EXPECT_FALSE(bucket.list(names, "", "", 10));  // an old handle stays with its old connection
+  ZarnFileStat st;
+  ASSERT_TRUE(client.getFileStat("media_1/w", st));
+  EXPECT_FALSE(st.openForWrite);
+  EXPECT_EQ(st.size, 3u);
+}
+
+TEST(StoreClient, FailedCallsDegradeAFileOnceAndASuccessRestoresIt) {
+  FaultyStore store;
+  auto f = store.client.createFile("media_1/f", 4, 1);
+  ASSERT_NE(f, nullptr);
+  RecordingFileListener listener;
+  f->setListener(&listener);
+  store.fault->addRule(rule(StoreOp::FileWrite, ZARN_E_IO, 2));
+
+  EXPECT_EQ(f->write("abc", 3), -1);
+  EXPECT_EQ(getLastError(), ZARN_E_IO);
+  EXPECT_EQ(f->write("abc", 3), -1);
+  EXPECT_EQ(listener.states, std::vector<int>{ZARN_FILE_STATE_DEGRADED});
+  EXPECT_EQ(f->write("abc", 3), 3);
+  EXPECT_EQ(listener.states, (std::vector<int>{ZARN_FILE_STATE_DEGRADED, ZARN_FILE_STATE_NORMAL}));
+
+  // A failure that a retry cannot cure does not degrade the file.
+  store.fault->addRule(rule(StoreOp::FileWrite, ZARN_E_NO_SPACE, 1));
+  EXPECT_EQ(f->write("abc", 3), -1);
+  EXPECT_EQ(getLastError(), ZARN_E_NO_SPACE);
+  EXPECT_EQ(listener.states.size(), 2u);
+  EXPECT_EQ(store.fault->callCount(StoreOp::FileWrite), 4u);
+
+  // A close that fails still releases the file.
+  store.fault->addRule(rule(StoreOp::FileClose));
+  EXPECT_FALSE(f->close());
+  EXPECT_EQ(getLastError(), ZARN_E_IO);
+  ZarnFileStat st;
+  ASSERT_TRUE(store.client.getFileStat("media_1/f", st));
+  EXPECT_FALSE(st.openForWrite);
+  EXPECT_EQ(st.size, 3u);
+}
+
+TEST(StoreClient, ZeroByteWritesFollowSkipAndTimes) {
+  FaultyStore store;
+  auto f = store.client.createFile("media_1/z", 4, 1);
+  ASSERT_NE(f, nullptr);
+  FaultRule zero = rule(StoreOp::FileWrite);
+  zero.zeroBytes = true;
+  zero.skip = 1;
+  zero.times = 2;
+  store.fault->addRule(zero);
+  EXPECT_EQ(f->write("aaaaa", 5), 5);
+  EXPECT_EQ(f->write("bbbbb", 5), 0);
+  EXPECT_EQ(f->write("ccccc", 5), 0);
+  EXPECT_EQ(f->write("ddddd", 5), 5);
+  ASSERT_TRUE(f->close());
+
+  // Reads taking nothing, only for names with the filter text.
+  FaultRule emptyRead = rule(StoreOp::FileRead);
+  emptyRead.zeroBytes = true;
+  emptyRead.nameContains = "/z";
+  store.fault->addRule(emptyRead);
+  auto r = store.client.openFile("media_1/z", StoreOpenMode::Read);
+  ASSERT_NE(r, nullptr);
+  char buf[16];
+  EXPECT_EQ(r->read(buf, sizeof buf), 0);
+  store.fault->clearRules();
+  ASSERT_EQ(r->read(buf, sizeof buf), 10);
+  EXPECT_EQ(std::string(buf, 10), "aaaaaddddd");
+}
+
+TEST(StoreClient, StallsDelayTheCallThenFailOrPass) {
+  FaultyStore store;
+  FaultRule slowOpen = rule(StoreOp::CreateFile);
+  slowOpen.stallMs = 150;
+  slowOpen.failAfterStall = false;
+  slowOpen.times = 1;
+  store.fault->addRule(slowOpen);
+  FaultRule hang = rule(StoreOp::StatFile, ZARN_E_TIMEOUT);
+  hang.stallMs = 150;
+  hang.times = 1;
+  store.fault->addRule(hang);
+
+  auto start = std::chrono::steady_clock::now();
+  auto f = store.client.createFile("media_1/slow", 4, 1);
+  auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_NE(f, nullptr);
+  EXPECT_GE(took, std::chrono::milliseconds(150));
+
+  start = std::chrono::steady_clock::now();
+  ZarnFileStat st;
+  EXPECT_FALSE(store.client.getFileStat("media_1/slow", st));
+  took = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(getLastError(), ZARN_E_TIMEOUT);
+  EXPECT_GE(took, std::chrono::milliseconds(150));
+  // Both rules are spent: the calls go through again.
+  EXPECT_TRUE(store.client.getFileStat("media_1/slow", st));
+  EXPECT_TRUE(st.openForWrite);
+  EXPECT_EQ(store.fault->callCount(StoreOp::StatFile), 2u);
+}
+
+TEST(StoreClient, OneInNFaultsRepeatForTheSameSeed) {
+  auto pattern = [](uint64_t seed) {
+    FaultyStore store(seed);
+    EXPECT_NE(store.client.createFile("media_1/p", 4, 1), nullptr);
+    FaultRule sometimes = rule(StoreOp::StatFile);
+    sometimes.oneInN = 2;
+    store.fault->addRule(sometimes);
+    std::string bits;
+    ZarnFileStat st;
+    for (int i = 0; i < 64; ++i) bits += store.client.getFileStat("media_1/p", st) ? '.' : 'X';
+    return bits;
+  };
+  std::string a = pattern(42), b = pattern(42), c = pattern(43);
+  EXPECT_EQ(a, b);
+  EXPECT_NE(a, c);
+  auto failures = std::count(a.begin(), a.end(), 'X');
+  EXPECT_GT(failures, 10) << a;
+  EXPECT_LT(failures, 54) << a;
+}
+
+TEST(StoreClient, StateMonitorReportsLossAndRecoveryOfTheLocalRoot) {
+  ZarnTest::TempDir dir;
+  const std::string root = dir.sub("store");
+  CZarnFileSystem client;
+  RecordingListener listener;
+  client.setListener(&listener);
+  int32_t period = 20;
+  ASSERT_TRUE(client.setOption(ZARN_OPT_HEALTH_PERIOD_MS, &period, sizeof period));
+  ASSERT_TRUE(client.initialize(configFor(root)));
+  EXPECT_EQ(client.getState(), ZARN_STATE_NORMAL);
+
+  fs::rename(root, dir.sub("away"));
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return !listener.states().empty(); }, 10000));
+  EXPECT_EQ(client.getState(), ZARN_STATE_FAILED);
+  fs::rename(dir.sub("away"), root);
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return listener.states().size() >= 2; }, 10000));
+  EXPECT_EQ(client.getState(), ZARN_STATE_NORMAL);
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // many more probes, no change
+  EXPECT_EQ(listener.states(), (std::vector<int>{ZARN_STATE_FAILED, ZARN_STATE_NORMAL}));
+  client.close();
+}
+
+TEST(StoreClient, StateMonitorReportsOnlyChanges) {
+  FaultyStore store;
+  RecordingListener listener;
+  store.client.setListener(&listener);
+  int32_t period = 10;
+  ASSERT_TRUE(store.client.setOption(ZARN_OPT_HEALTH_PERIOD_MS, &period, sizeof period));
+  auto probes = [&] { return store.fault->callCount(StoreOp::ProbeHealth); };
+  // A period set on a running connection applies at once (the default is 5 s).
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return probes() >= 3; }, 4000));
+  EXPECT_TRUE(listener.states().empty());
+
+  store.fault->setHealthy(false);
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return !listener.states().empty(); }, 10000));
+  uint64_t seen = probes();
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return probes() >= seen + 5; }, 10000));
+  EXPECT_EQ(listener.states(), std::vector<int>{ZARN_STATE_FAILED});
+  store.fault->setHealthy(true);
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return listener.states().size() >= 2; }, 10000));
+
+  // After close no probe runs and nothing is reported.
+  store.client.close();
+  seen = probes();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(probes(), seen);
+  EXPECT_EQ(listener.states(), (std::vector<int>{ZARN_STATE_FAILED, ZARN_STATE_NORMAL}));
+}
+
+// ---- Local backend specifics ----
+
+TEST(LocalStore, MarkerBoundedListingOpensOnlyTheLevelsItNeeds) {
+  ZarnTest::TempDir dir;
+  auto local = std::make_shared<CLocalStoreBackend>(dir.sub("store"));
+  CZarnFileSystem client;
+  ASSERT_TRUE(client.initializeWithBackend(configFor(dir.sub("store")), local));
+  ASSERT_TRUE(client.createBucket("media_7"));
+  // A year of files, four a day, under year/month/day levels. Laid down on disk
+  // directly (the layout is the local store's documented one) to keep it quick.
+  const int daysIn2016[12] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  int days = 0;
+  for (int month = 1; month <= 12; ++month) {
+    for (int day = 1; day <= daysIn2016[month - 1]; ++day) {
+      char level[32];
+      std::snprintf(level, sizeof level, "2016/%02d/%02d", month, day);
+      fs::create_directories(dir.sub("store/media_7/") + level);
+      for (const char* t : {"000000_055959_1_0_1", "060000_115959_1_0_1", "120000_175959_1_0_1",
+                            "180000_235959_1_0_1"}) {
+        std::ofstream(dir.sub("store/media_7/") + level + "/" + t + ".qrv") << "x";
+      }
+      ++days;
+    }
+  }
+  CBucket bucket = client.getBucket("media_7");
+  ASSERT_TRUE(bucket.isValid());
+
+  // Two hours around midnight of 1 May, widened as a time query widens it.
+  uint64_t before = local->directoriesOpened();
+  CNameList names;
+  ASSERT_TRUE(bucket.list(names, "2016/04/30/220000", "2016/05/01/021000", 2000));
+  EXPECT_EQ(names, (CNameList{"2016/05/01/000000_055959_1_0_1.qrv"}));
+  uint64_t opened = local->directoriesOpened() - before;
+  EXPECT_LE(opened, 6u);  // bucket, year, two months, two days
+  EXPECT_GE(opened, 4u);
+
+  // The count bounds the walk as well.
+  before = local->directoriesOpened();
+  ASSERT_TRUE(bucket.list(names, "", "", 3));
+  EXPECT_EQ(names.size(), 3u);
+  EXPECT_LE(local->directoriesOpened() - before, 4u);
+
+  // An unbounded listing reads every level: the counter does see them.
+  before = local->directoriesOpened();
+  CFileList all;
+  ASSERT_TRUE(bucket.list(all, "", "", 100000));
+  EXPECT_EQ(all.size(), static_cast<size_t>(days) * 4);
+  EXPECT_GE(local->directoriesOpened() - before, static_cast<uint64_t>(1 + 1 + 12 + days));
+}
+
+TEST(LocalStore, LeftoversOfCrashedCreatesAreHiddenAndDoNotPinABucket) {
+  ZarnTest::TempDir dir;
+  CZarnFileSystem client;
+  ASSERT_TRUE(client.initialize(configFor(dir.sub("store"))));
+  ASSERT_TRUE(client.createBucket("media_1"));
+  fs::create_directories(dir.sub("store/media_1/2016/05"));
+  std::ofstream(dir.sub("store/media_1/2016/05/.zarn-tmp.999.1.1")) << "partial";
+  CNameList names;
+  ASSERT_TRUE(client.getBucket("media_1").list(names, "", "", 100));
+  EXPECT_TRUE(names.empty());
+  uint64_t used = 1;
+  ASSERT_TRUE(client.getBucket("media_1").getUsedCapacity(used));
+  EXPECT_EQ(used, 0u);
+
+  // A foreign file under a level does pin it.
+  std::ofstream(dir.sub("store/media_1/2016/05/stray")) << "s";
+  EXPECT_FALSE(client.removeBucket("media_1"));
+  EXPECT_EQ(getLastError(), ZARN_E_BUCKET_NOT_EMPTY);
+  fs::remove(dir.sub("store/media_1/2016/05/stray"));
+  EXPECT_TRUE(client.removeBucket("media_1")) << getErrorMsg();
+  EXPECT_FALSE(fs::exists(dir.sub("store/media_1")));
+}
+
+TEST(LocalStore, RemovingAFilePrunesItsEmptyLevels) {
+  ZarnTest::TempDir dir;
+  CZarnFileSystem client;
+  ASSERT_TRUE(client.initialize(configFor(dir.sub("store"))));
+  ASSERT_TRUE(client.createBucket("media_1"));
+  ASSERT_NE(client.createFile("media_1/2016/05/01/a", 4, 1), nullptr);
+  ASSERT_NE(client.createFile("media_1/2016/06/01/b", 4, 1), nullptr);
+  ASSERT_TRUE(client.removeFile("media_1/2016/05/01/a"));
+  EXPECT_FALSE(fs::exists(dir.sub("store/media_1/2016/05")));
+  EXPECT_TRUE(fs::exists(dir.sub("store/media_1/2016/06/01")));
+  ASSERT_TRUE(client.renameFile("media_1/2016/06/01/b", "media_1/b"));
+  EXPECT_FALSE(fs::exists(dir.sub("store/media_1/2016")));
+  EXPECT_TRUE(fs::is_directory(dir.sub("store/media_1")));
+
+  ZarnFileStat st;
+  ASSERT_TRUE(fs::create_directories(dir.sub("store/media_1/level")));
+  EXPECT_FALSE(client.getFileStat("media_1/level", st));
+  EXPECT_EQ(getLastError(), ZARN_E_IS_DIRECTORY);
+  EXPECT_EQ(client.openFile("media_1/level", StoreOpenMode::Read), nullptr);
+  EXPECT_EQ(getLastError(), ZARN_E_IS_DIRECTORY);
+}
+
+}  // namespace
