@@ -1,0 +1,45 @@
+#include "MediaContext.h"
+
+#include <string>
+
+#include "MediaConfig.h"
+#include "MediaSdkStat.h"
+#include "StreamMgr.h"
+#include "WorkQueue.h"
+#include "WritingFiles.h"
+
+namespace Velto::Zarn {
+
+CMediaContext& CMediaContext::instance() {
+  // Deliberately leaked: engines and timers may still run while static
+  // destructors do, and must find the context intact.
+  static CMediaContext* context = new CMediaContext();
+  return *context;
+}
+
+CMediaContext::CMediaContext()
+    : m_config(std::make_unique<CMediaConfig>()),
+      m_stats(std::make_unique<CMediaSdkStat>()),
+      m_streams(std::make_unique<CStreamMgr>()),
+      m_writingFiles(std::make_unique<CWritingFileTable>()) {
+  m_config->initWithFile("MediaConfig.cfg");
+  CStreamMgr* streams = m_streams.get();
+  m_stats->setStreamCounter([streams]() { return streams->getStreamWriterCount(); });
+}
+
+CWorkQueue& CMediaContext::writerQueue() {
+  std::call_once(m_writerQueueOnce, [this] { m_writerQueue = std::make_unique<CWorkQueue>(20, true); });
+  return *m_writerQueue;
+}
+
+CWorkQueue& CMediaContext::readerQueue() {
+  std::call_once(m_readerQueueOnce, [this] { m_readerQueue = std::make_unique<CWorkQueue>(5, true); });
+  return *m_readerQueue;
+}
+
+CWorkQueue& CMediaContext::indexFixQueue() {
+  std::call_once(m_indexFixQueueOnce, [this] { m_indexFixQueue = std::make_unique<CWorkQueue>(2, false); });
+  return *m_indexFixQueue;
+}
+
+}  // namespace Velto::Zarn

@@ -1,0 +1,150 @@
+#include "RecordLock.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+
+#include "KanduLog.h"
+#include "KanduThread.h"
+#include "KanduTime.h"
+#include "MediaContext.h"
+#include "RecordLockHook.h"
+#include "ZarnClient.h"
+
+namespace Velto::Zarn {
+
+namespace {
+
+constexpr const char* kLedgerFormat = "lockSize_%" PRIu64 "_%" PRIu64 ".temp";
+constexpr const char* kGuardPath = "media_system/sys.lock";
+
+bool parseLedgerPath(const std::string& path, uint64_t& total) {
+  size_t slash = path.find('/');
+  if (slash == std::string::npos) return false;
+  uint64_t unique = 0;
+  return std::sscanf(path.c_str() + slash + 1, kLedgerFormat, &total, &unique) == 2;
+}
+
+// One ledger update: total' = change(total), by renaming the ledger.
+template <typename Change>
+int32_t updateLockSize(CZarnFileSystem& fs, Change change) {
+  for (;;) {
+    std::string current = getLockSizeFileName(fs);
+    uint64_t total = 0;
+    if (current.empty() || !parseLedgerPath(current, total)) return -1;
+    std::string next = generateLockSizeFileName(change(total));
+    if (next.empty()) return -1;
+    KLOG_INFO("#%d,GENERAL::%s %d, rename : %s >> %s\n", 0, __FUNCTION__, __LINE__, current.c_str(), next.c_str());
+    if (fs.renameFile(current, next)) return 0;
+    // Typically another process moved the ledger first: read its new name.
+    KLOG_INFO("#%d,GENERAL::%s %d, rename failed : %s\n", getLastError(), __FUNCTION__, __LINE__, getErrorMsg());
+    Velto::Kandu::sleepMs(10);
+  }
+}
+
+}  // namespace
+
+std::string generateLockSizeFileName(uint64_t total) {
+  uint64_t unique = static_cast<uint64_t>(Velto::Kandu::wallClockSeconds()) * 1000000ull + 100000ull +
+                    static_cast<uint64_t>(std::rand() % 900000);
+  char name[128];
+  int n = std::snprintf(name, sizeof(name), kLedgerFormat, total, unique);
+  if (n <= 0 || static_cast<size_t>(n) >= sizeof(name)) {
+    KLOG_ERROR("#%d,GENERAL::%s %d, generateLockSizeFileName faile\n", 0, __FUNCTION__, __LINE__);
+    return std::string();
+  }
+  return std::string(kSystemBucket) + "/" + name;
+}
+
+std::string getLockSizeFileName(CZarnFileSystem& fs) {
+  CBucket bucket = fs.getBucket(kSystemBucket);
+  if (!bucket.isValid()) {
+    KLOG_ERROR("#%d,GENERAL::%s %d, getBucket failed : %s\n", getLastError(), __FUNCTION__, __LINE__, getErrorMsg());
+    return std::string();
+  }
+  CNameList names;
+  if (!bucket.list(names, "lockSize_", "lockSize_z", 1)) {
+    KLOG_ERROR("#%d,GENERAL::%s %d, list lockSize file failed [lockSize_*]\n", getLastError(), __FUNCTION__,
+               __LINE__);
+    return std::string();
+  }
+  if (names.empty()) {
+    KLOG_ERROR("#%d,GENERAL::%s %d, cannot find lockSize file [lockSize_*]\n", 0, __FUNCTION__, __LINE__);
+    return std::string();
+  }
+  return std::string(kSystemBucket) + "/" + names.front();
+}
+
+bool getLockSize(CZarnFileSystem& fs, uint64_t& total) {
+  std::string path = getLockSizeFileName(fs);
+  return !path.empty() && parseLedgerPath(path, total);
+}
+
+int32_t plusLockSize(CZarnFileSystem& fs, uint64_t megabytes) {
+  if (megabytes == 0) return 0;
+  return updateLockSize(fs, [megabytes](uint64_t total) { return total + megabytes; });
+}
+
+int32_t minusLockSize(CZarnFileSystem& fs, uint64_t megabytes) {
+  if (megabytes == 0) return 0;
+  return updateLockSize(fs, [megabytes](uint64_t total) { return megabytes > total ? 0 : total - megabytes; });
+}
+
+void onLockedRecordRemoved(CZarnFileSystem& fs, uint64_t megabytes) { minusLockSize(fs, megabytes); }
+
+bool checkSysFile(CZarnFileSystem& fs) {
+  if (!fs.getBucket(kSystemBucket).isValid() && !fs.createBucket(kSystemBucket) &&
+      getLastError() != ZARN_E_BUCKET_EXISTS) {
+    KLOG_ERROR("#%d,GENERAL::%s %d, create bucket %s failed : %s\n", getLastError(), __FUNCTION__, __LINE__,
+               kSystemBucket, getErrorMsg());
+    return false;
+  }
+  uint64_t total = 0;
+  if (getLockSize(fs, total)) return true;
+
+  KLOG_ERROR("#%d,GENERAL::%s %d, checkSysFile failed, lockSizeFile is lost\n", 0, __FUNCTION__, __LINE__);
+  // A guard that exists but is not open for writing is the leftover of a
+  // creator that died; one still open for writing belongs to a live creator.
+  if (std::unique_ptr<CFile> guard = fs.openFile(kGuardPath, StoreOpenMode::Read)) {
+    ZarnFileStat st;
+    bool statOk = guard->stat(st);
+    guard->close();
+    if (statOk && !st.openForWrite) {
+      fs.removeFile(kGuardPath);
+    } else {
+      KLOG_WARN("#%d,GENERAL::%s %d, media_system Locked by other SS.\n", 0, __FUNCTION__, __LINE__);
+      return false;
+    }
+  } else if (getLastError() == ZARN_E_OUT_OF_SYNC) {
+    KLOG_ERROR("#%d,GENERAL::%s %d, data out of sync, try remove file: %s\n", getLastError(), __FUNCTION__, __LINE__,
+               kGuardPath);
+    fs.removeFile(kGuardPath);
+  }
+
+  CMediaValues& values = CMediaContext::values();
+  std::unique_ptr<CFile> guard = fs.createFile(kGuardPath, values.ecDataNum.load(), values.ecParityNum.load());
+  if (!guard) return false;
+  // Another creator may have finished between our first look and taking the
+  // guard: creating a second ledger would split the total.
+  if (getLockSize(fs, total)) {
+    guard->close();
+    fs.removeFile(kGuardPath);
+    return true;
+  }
+  std::string ledgerPath = generateLockSizeFileName(0);
+  std::unique_ptr<CFile> ledger =
+      ledgerPath.empty() ? nullptr : fs.createFile(ledgerPath, values.ecDataNum.load(), values.ecParityNum.load());
+  if (!ledger) {
+    KLOG_ERROR("#%d,GENERAL::%s %d, checkSysFile failed,create lockSizeFile failed : %s\n", getLastError(),
+               __FUNCTION__, __LINE__, getErrorMsg());
+    guard->close();
+    fs.removeFile(kGuardPath);
+    return false;
+  }
+  ledger->close();
+  guard->close();
+  fs.removeFile(kGuardPath);
+  return true;
+}
+
+}  // namespace Velto::Zarn

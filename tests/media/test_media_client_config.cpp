@@ -1,0 +1,72 @@
+// The client facade with a configuration file that overrides its setters. The
+// file must be in the working directory when the process context is created,
+// so this binary moves into a temporary directory before any test runs.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "MediaClientInternal.h"
+#include "MediaConfig.h"
+#include "MediaContext.h"
+#include "TestSupport.h"
+
+using namespace Velto::Zarn;
+
+namespace {
+
+class ConfigDirEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    m_dir = std::make_unique<ZarnTest::TempDir>();
+    std::ofstream(m_dir->sub("MediaConfig.cfg")) << R"({
+      // the client's setters must lose to these
+      "enable_cfg": 1,
+      "max_lock_rate": 80,
+      "cyclic_cover_threshold_rate": 7.5,
+      "zarn_log_level": 1
+    })";
+    ASSERT_EQ(chdir(m_dir->path().c_str()), 0);
+  }
+  void TearDown() override {
+    if (chdir("/") != 0) std::abort();
+    m_dir.reset();
+  }
+
+ private:
+  std::unique_ptr<ZarnTest::TempDir> m_dir;
+};
+
+[[maybe_unused]] ::testing::Environment* const g_env =
+    ::testing::AddGlobalTestEnvironment(new ConfigDirEnvironment());
+
+TEST(MediaClientWithConfig, ConfiguredLockRateBeatsTheSetter) {
+  CMediaClientInternal client;
+  EXPECT_EQ(client.maxLockRatioForTest(), 80);
+  ZarnTest::LogCapture log;
+  client.setMaxLockRatio(20);
+  client.setMaxLockRatio(101);  // ignored without the range error
+  EXPECT_EQ(client.maxLockRatioForTest(), 80);
+  EXPECT_FALSE(log.contains("ratio must be in 0-100"));
+}
+
+TEST(MediaClientWithConfig, ConfiguredThresholdMakesUrgentRatioANoOp) {
+  CMediaClientInternal client;
+  ZarnTest::LogCapture log;
+  EXPECT_EQ(client.setUrgentRecycleRatio(30), 0);
+  EXPECT_FALSE(log.contains("not available"));
+}
+
+TEST(MediaClientWithConfig, ConfiguredStoreLogLevelReachesTheStoreHandle) {
+  CMediaClientInternal client;
+  int32_t level = -1;
+  uint32_t length = sizeof(level);
+  ASSERT_TRUE(client.storeForTest()->getOption(ZARN_OPT_LOG_LEVEL, &level, length));
+  EXPECT_EQ(level, 1);
+  client.enableZarnClientLog(4, "/tmp/elsewhere");  // the file wins
+  length = sizeof(level);
+  ASSERT_TRUE(client.storeForTest()->getOption(ZARN_OPT_LOG_LEVEL, &level, length));
+  EXPECT_EQ(level, 1);
+}
+
+}  // namespace

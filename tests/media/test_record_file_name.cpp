@@ -1,0 +1,314 @@
+// Record file names: time strings, bucket names, grammar and validity, the
+// listing walk, clips, and rename/remove through a local store.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "KanduTime.h"
+#include "MediaContext.h"
+#include "RecordFileName.h"
+#include "TestSupport.h"
+
+using namespace Velto::Zarn;
+
+namespace {
+
+constexpr uint32_t kBegin = 1462147170;      // 2016-05-01 23:59:30 UTC
+constexpr uint32_t kEndNextDay = 1462147925;  // 2016-05-02 00:12:05 UTC
+
+RecordFileName record(uint32_t begin, uint32_t end, uint16_t type, uint16_t locks, uint32_t state) {
+  RecordFileName r;
+  r.streamId = 7;
+  r.beginTime = begin;
+  r.endTime = r.realEndTime = end;
+  r.type = type;
+  r.lockCount = locks;
+  r.indexState = state;
+  return r;
+}
+
+std::string fields(const RecordFileName& r) {
+  return std::to_string(r.streamId) + "," + std::to_string(r.beginTime) + "," + std::to_string(r.endTime) + "," +
+         std::to_string(r.type) + "," + std::to_string(r.lockCount) + "," + std::to_string(r.indexState) + "," +
+         std::to_string(r.isIndex) + "," + std::to_string(r.realEndTime) + "," + std::to_string(r.size) + "," +
+         std::to_string(r.bucketKind);
+}
+
+class StoreUser {  // sets the process-wide store user (the bucket prefix)
+ public:
+  explicit StoreUser(const std::string& user) { CMediaContext::values().setStoreUserName(user); }
+  ~StoreUser() { CMediaContext::values().setStoreUserName(m_saved); }
+
+ private:
+  std::string m_saved = CMediaContext::values().storeUserName();
+};
+
+}  // namespace
+
+TEST(TimeStrings, DatesAndEndTimes) {
+  EXPECT_EQ(formatDate(kBegin), "2016/05/01/235930");
+  EXPECT_EQ(formatTime(kEndNextDay), "001205");
+  EXPECT_EQ(parseDate("2016/05/01/235930"), kBegin);
+  // Loose limits, normalised by the calendar.
+  EXPECT_EQ(parseDate("2016/05/01/240000"), kBegin + 30);
+  EXPECT_EQ(parseDate("2016/05/01/235960"), kBegin + 30);
+  EXPECT_EQ(parseDate("2016/05/00/120000"), parseDate("2016/04/30/120000"));
+
+  EXPECT_EQ(parseTime(kBegin, "001205"), kEndNextDay);
+  EXPECT_EQ(parseTime(kBegin, "235930"), kBegin);  // equal: no day added
+  EXPECT_EQ(parseTime(kBegin, "235929"), kBegin - 1 + 86400);
+  EXPECT_EQ(parseTime(kBegin, "240000"), kBegin + 30);
+
+  ZarnTest::LogCapture log;
+  for (const char* bad : {"2016/13/01/000000", "2016/-1/01/000000", "2016/05/32/000000", "2016/05/01/250000",
+                          "2016/05/01/236100", "2016/05/01/235961"})
+    EXPECT_EQ(parseDate(bad), 0u) << bad;
+  EXPECT_TRUE(log.contains("#0,GENERAL::parseDate"));
+  EXPECT_TRUE(log.contains("parseDate error, year[2016],month[13],day[1],hour[0],minute[0],second[0]"));
+  EXPECT_EQ(parseDate("2016/05/01"), 0u);
+  EXPECT_TRUE(log.contains("parseDate error, date[2016/05/01]"));
+  EXPECT_EQ(parseTime(kBegin, "0012"), 0u);
+  EXPECT_TRUE(log.contains("parseTime error, baseTime[1462147170], time[0012]"));
+  EXPECT_EQ(parseTime(kBegin, "250000"), 0u);
+  EXPECT_TRUE(log.contains("parseTime error, hour[25], minute[0], second[0]"));
+  EXPECT_EQ(parseTime(kBegin, "006100"), 0u);
+}
+
+TEST(BucketNames, KindsAndPrefix) {
+  EXPECT_EQ(bucketName("", 7, BUCKET_KIND_FORGOTTEN), "forgotten_7");
+  EXPECT_EQ(bucketName("site3_", 7, 2), "site3_");
+  uint32_t sid = 0;
+  uint16_t kind = 9;
+  EXPECT_TRUE(parseBucketName("site3_", "site3_media_4294967295", sid, kind));
+  EXPECT_EQ(sid, 4294967295u);
+  EXPECT_EQ(kind, BUCKET_KIND_MEDIA);
+  for (const char* bad : {"media_", "media_7x", "media_-7", "media_4294967296", "media_system", "site3_media_7"})
+    EXPECT_FALSE(parseBucketName("", bad, sid, kind)) << bad;
+  EXPECT_FALSE(parseBucketName("site3_", "media_7", sid, kind));
+
+  {
+    StoreUser root("root");
+    EXPECT_EQ(bucketName(7, BUCKET_KIND_MEDIA), "media_7");
+  }
+  StoreUser site("site3");
+  EXPECT_EQ(bucketName(7, BUCKET_KIND_MEDIA), "site3_media_7");
+  EXPECT_FALSE(parseBucketName("forgotten_7", sid, kind));
+}
+
+TEST(RecordNames, RoundTripsAcrossMidnightAndMonthEnds) {
+  const auto at = [](int y, int mo, int d, int h, int mi, int s) {
+    return static_cast<uint32_t>(Velto::Kandu::CTime::makeTime(y, mo, d, h, mi, s));
+  };
+  struct Case {
+    RecordFileName rec;
+    const char* name;
+  };
+  RecordFileName forgotten = record(at(2016, 12, 31, 23, 50, 0), at(2017, 1, 1, 0, 10, 0), 5, 0, 3);
+  forgotten.bucketKind = BUCKET_KIND_FORGOTTEN;
+  RecordFileName index = record(kBegin, kEndNextDay, 1, 3, 3);
+  index.isIndex = 1;
+  const Case cases[] = {
+      {record(kBegin, kEndNextDay, 1, 2, 1), "media_7/2016/05/01/235930_001205_1_2_1.qrv"},
+      {forgotten, "forgotten_7/2016/12/31/235000_001000_5_0_3.qrv"},
+      {record(at(2016, 2, 29, 23, 0, 0), at(2016, 3, 1, 0, 30, 0), 5, 0, 3),
+       "media_7/2016/02/29/230000_003000_5_0_3.qrv"},
+      {record(kBegin, kBegin, 65535, 255, 4), "media_7/2016/05/01/235930_235930_65535_255_4.qrv"},
+      {record(kBegin, 0, 65535, 0, 0), "media_7/2016/05/01/235930_65535.qrv"},  // open
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string name;
+    ASSERT_TRUE(generateRecordFileName("", c.rec, name));
+    EXPECT_EQ(name, c.name);
+    RecordFileName back = record(1, 1, 1, 1, 1);
+    back.size = 99;
+    ASSERT_TRUE(parseRecordFileName("", name, back));
+    EXPECT_EQ(fields(back), fields(c.rec));
+  }
+  // An index file never shows locks or state.
+  std::string name;
+  ASSERT_TRUE(generateRecordFileName("site3_", index, name));
+  EXPECT_EQ(name, "site3_media_7/2016/05/01/235930_001205_1_0_0.index");
+  RecordFileName back;
+  ASSERT_TRUE(parseRecordFileName("site3_", name, back));
+  EXPECT_EQ(back.isIndex, 1u);
+  EXPECT_EQ(back.lockCount + back.indexState, 0u);
+}
+
+TEST(RecordNames, ProcessPrefix) {
+  const RecordFileName rec = record(kBegin, kEndNextDay, 1, 0, 1);
+  std::string rootName, siteName;
+  RecordFileName back;
+  {
+    StoreUser root("root");
+    ASSERT_TRUE(generateRecordFileName(rec, rootName));
+  }
+  StoreUser site("site3");
+  ASSERT_TRUE(generateRecordFileName(rec, siteName));
+  EXPECT_EQ(siteName, "site3_" + rootName);
+  EXPECT_TRUE(parseRecordFileName(siteName, back));
+  EXPECT_FALSE(parseRecordFileName(rootName, back));
+}
+
+TEST(RecordNames, MalformedNamesFailAndZeroTheRecord) {
+  for (const char* bad : {
+           "media_7/2016/05/01/235930_001205_1.qrv",          // 2 underscores
+           "media_7/2016/05/01/235930_001205_1_2.qrv",        // 3
+           "media_7/2016/05/01/235930_001205_1_2_1_0.qrv",    // 5
+           "media_7/2016/05/01/235930_001205_1_2_1.QRV",      // token case
+           "media_7/2016/05/01/235930_001205_1_2_1.Index",
+           "media_7/2016/05/01/235930_001205_1_2_1",          // no token
+           "media_7/2016/05/01/235930_001205_1_256_1.qrv",    // lock count 256
+           "media_7/2016/05/01/235930_001205_65536_0_1.qrv",  // stream type 65536
+           "media_7/2016/05/01/235930_65536.qrv",
+           "media_7/2016/5/01/235930_001205_1_2_1.qrv",       // short date
+           "media7/2016/05/01/235930_001205_1_2_1.qrv",
+           "media_7.2016_05_01_235930_1",
+       }) {
+    RecordFileName rec = record(9, 9, 9, 9, 9);
+    EXPECT_FALSE(parseRecordFileName("", bad, rec)) << bad;
+    EXPECT_EQ(fields(rec), fields(RecordFileName())) << bad;
+  }
+}
+
+TEST(RecordValidity, RulesAndMessages) {
+  ZarnTest::LogCapture log;
+  std::string name = "untouched";
+  EXPECT_FALSE(generateRecordFileName("", record(0, kBegin, 0, 0, 0), name));  // begin 0
+  EXPECT_FALSE(generateRecordFileName("", record(kBegin, 0, 0, 1, 0), name));  // open and locked
+  EXPECT_FALSE(generateRecordFileName("", record(kBegin, 0, 0, 0, 1), name));  // open and indexed
+  EXPECT_EQ(name, "untouched");
+  EXPECT_EQ(log.count("#0,GENERAL::generateRecordFileName"), 3u);
+  EXPECT_EQ(log.count("_stFileName is invalid"), 3u);
+
+  log.clear();
+  EXPECT_FALSE(generateRecordFileName("", record(kBegin, kBegin - 1, 0, 0, 0), name));
+  ASSERT_EQ(log.lines().size(), 2u);
+  EXPECT_NE(log.lines()[0].find("time is not sync, endTS[1462147169], beginTS[1462147170]"), std::string::npos);
+  EXPECT_NE(log.lines()[1].find("_stFileName is invalid"), std::string::npos);
+
+  RecordFileName rec;  // a begin date the parser lets through as 0
+  ASSERT_TRUE(parseRecordFileName("", "media_7/2016/05/01/2x5930_3.qrv", rec));
+  EXPECT_FALSE(isValidRecordFileName(rec));
+}
+
+TEST(RecordListing, NextValidEntrySkipsIndexAndUnsyncedFiles) {
+  const CFileList list = {
+      {"2016/05/01/235930_001205_1_0_3.index", 10},
+      {"2016/05/01/235930_001205_1_0_3.qrv", 1000},
+      {"2106/02/07/062815_000000_1_0_1.qrv", 12},  // its end wraps below its begin
+      {"2016/05/02/0x0000_3.qrv", 13},             // begin 0
+      {"notes.txt", 14},
+      {"2016/05/02/010000_2.qrv", 2000},           // open
+  };
+  ZarnTest::LogCapture log;
+  StoreUser root("root");
+  size_t cursor = 0;
+  RecordFileName rec;
+  ASSERT_TRUE(nextValidRecordFile("media_7", list, cursor, rec));
+  EXPECT_EQ(cursor, 2u);
+  EXPECT_EQ(rec.size, 1000u);
+  ASSERT_TRUE(nextValidRecordFile("media_7", list, cursor, rec));
+  EXPECT_EQ(rec.endTime, 0u);
+  EXPECT_EQ(rec.size, 2000u);
+  EXPECT_EQ(log.count("time is not sync, endTS[63104], beginTS[4294967295]"), 1u);
+  EXPECT_FALSE(nextValidRecordFile("media_7", list, cursor, rec));
+}
+
+TEST(RecordClips, FromRecords) {
+  RecordFileName rec = record(kBegin, kEndNextDay, 3, 2, 1);
+  rec.realEndTime = kEndNextDay + 5;
+  rec.size = 123456789;
+  const RecordClip clip = toRecordClip(rec);
+  EXPECT_EQ(clip.endTime, kEndNextDay + 5);  // the clip end, not the name's
+  EXPECT_EQ(clip.locked, 1);
+  EXPECT_EQ(clip.forgotten, 0);
+  EXPECT_EQ(clip.type, 3);
+  EXPECT_EQ(clip.size, 123456789u);
+  rec.bucketKind = BUCKET_KIND_FORGOTTEN;
+  for (uint32_t state : {0u, 1u, 2u, 3u, 4u}) {
+    rec.indexState = state;
+    EXPECT_EQ(toRecordClip(rec).missing, (state == 1 || state == 3) ? 0 : 1) << state;
+    EXPECT_EQ(toRecordClip(rec).forgotten, 1);
+  }
+
+  RecordClipEx ex{};
+  StoreUser longUser(std::string(300, 'u'));  // the name is cut at 255 characters
+  ASSERT_TRUE(toRecordClipEx(rec, ex));
+  EXPECT_EQ(std::string(ex.fileName), std::string(255, 'u'));
+  EXPECT_EQ(ex.beginTime, kBegin);
+  rec.beginTime = 0;
+  EXPECT_FALSE(toRecordClipEx(rec, ex));
+  EXPECT_STREQ(ex.fileName, "");
+}
+
+class RecordStoreOps : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(m_fs.initialize(Config{m_dir.path().c_str(), 0, "root", ""})) << getErrorMsg();
+    ASSERT_TRUE(m_fs.createBucket("media_7"));
+  }
+  void create(const std::string& path) {
+    auto file = m_fs.createFile(path, 4, 1);
+    ASSERT_NE(file, nullptr) << getErrorMsg();
+    ASSERT_TRUE(file->close());
+  }
+  bool exists(const std::string& path) {
+    ZarnFileStat st;
+    return m_fs.getFileStat(path, st);
+  }
+
+  ZarnTest::TempDir m_dir;
+  StoreUser m_user{"root"};
+  CZarnFileSystem m_fs;
+};
+
+TEST_F(RecordStoreOps, Rename) {
+  const std::string openName = "media_7/2016/05/01/235930_1.qrv";
+  const std::string lockedName = "media_7/2016/05/01/235930_001205_1_1_1.qrv";
+  create(openName);
+  ZarnTest::LogCapture log;
+  ASSERT_TRUE(recordFileRename(m_fs, openName, record(kBegin, kEndNextDay, 1, 1, 1)));
+  EXPECT_FALSE(exists(openName));
+  EXPECT_TRUE(exists(lockedName));
+  EXPECT_TRUE(log.contains("#0,GENERAL::recordFileRename"));
+  EXPECT_TRUE(log.contains("rename : " + openName + " >> " + lockedName));
+
+  log.clear();  // the source is gone; the store's code leads the line
+  EXPECT_FALSE(recordFileRename(m_fs, openName, record(kBegin, kEndNextDay, 1, 1, 1)));
+  EXPECT_TRUE(log.contains("#" + std::to_string(ZARN_E_NO_SUCH_FILE) + ",GENERAL::recordFileRename"));
+  EXPECT_TRUE(log.contains("rename failed : "));
+
+  create(openName);  // never replaces an existing file
+  EXPECT_FALSE(recordFileRename(m_fs, openName, record(kBegin, kEndNextDay, 1, 1, 1)));
+  EXPECT_TRUE(log.contains("#" + std::to_string(ZARN_E_FILE_EXISTS) + ","));
+  EXPECT_FALSE(recordFileRename(m_fs, openName, record(0, kEndNextDay, 1, 1, 1)));
+  EXPECT_TRUE(exists(openName));
+  EXPECT_TRUE(exists(lockedName));
+}
+
+TEST_F(RecordStoreOps, Remove) {
+  RecordFileName rec = record(kBegin, kEndNextDay, 1, 2, 3);
+  rec.size = 5u << 20;
+  RecordFileName index = rec;
+  index.isIndex = 1;
+  const std::string recName = "media_7/2016/05/01/235930_001205_1_2_3.qrv";
+  const std::string indexName = "media_7/2016/05/01/235930_001205_1_0_0.index";
+  create(recName);
+  create(indexName);
+
+  ZarnTest::LogCapture log;
+  ASSERT_TRUE(removeRecordFile(m_fs, index));
+  EXPECT_FALSE(exists(indexName));
+  EXPECT_TRUE(exists(recName));
+  EXPECT_TRUE(log.contains("remove : " + indexName));
+  ASSERT_TRUE(removeRecordFile(m_fs, rec));  // locked: also reaches the ledger hook
+  EXPECT_FALSE(exists(recName));
+  EXPECT_FALSE(removeRecordFile(m_fs, rec));
+  EXPECT_TRUE(log.contains("remove file failed [" + recName + "]"));
+  rec.endTime = 0;  // open and locked: cannot be named
+  EXPECT_FALSE(removeRecordFile(m_fs, rec));
+  EXPECT_TRUE(log.contains("#0,GENERAL::removeRecordFile"));
+  EXPECT_TRUE(log.contains("generateRecordFileName failed"));
+}
