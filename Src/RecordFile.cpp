@@ -1,0 +1,374 @@
+#include "RecordFile.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "KanduCrc.h"
+#include "KanduLog.h"
+#include "KanduThread.h"
+#include "MediaContext.h"
+#include "MediaSdkStat.h"
+#include "VeltoFrame.h"
+
+namespace Velto::Zarn {
+
+namespace {
+constexpr char kInfoMagic[4] = {'V', 'Z', 'M', 'F'};
+constexpr uint32_t kZeroWaitMs = 5;
+}  // namespace
+
+RecordInfo RecordInfo::make(uint32_t beginTime, uint32_t endTime, uint64_t indexOffset, uint32_t indexLength,
+                            uint64_t dataLength) {
+  RecordInfo info{};
+  std::memcpy(info.magic, kInfoMagic, sizeof(kInfoMagic));
+  info.beginTime = beginTime;
+  info.endTime = endTime;
+  info.indexOffset = indexOffset;
+  info.indexLength = indexLength;
+  info.dataLength = dataLength;
+  info.crc = Velto::Kandu::crc32(&info, kCrcSpan);
+  return info;
+}
+
+bool RecordInfo::isValid() const {
+  return std::memcmp(magic, kInfoMagic, sizeof(kInfoMagic)) == 0 && crc == Velto::Kandu::crc32(this, kCrcSpan);
+}
+
+bool blockWrite(CFile& file, const void* buffer, uint32_t length, uint32_t limitMs) {
+  const uint8_t* p = static_cast<const uint8_t*>(buffer);
+  uint32_t written = 0;
+  uint32_t waited = 0;
+  while (written < length) {
+    int64_t n = file.write(p + written, length - written);
+    if (n < 0) return false;
+    if (n == 0) {
+      waited += kZeroWaitMs;
+      if (limitMs != 0 && waited >= limitMs) {
+        KLOG_ERROR("#%d,GENERAL::%s %d, block write timeout, return false. writed: %u. timeout: %u.\n", 0,
+                   __FUNCTION__, __LINE__, written, limitMs);
+        return false;
+      }
+      Velto::Kandu::sleepMs(kZeroWaitMs);
+      continue;
+    }
+    written += static_cast<uint32_t>(n);
+  }
+  return true;
+}
+
+bool blockRead(CFile& file, void* buffer, uint32_t length, uint32_t limitMs) {
+  uint8_t* p = static_cast<uint8_t*>(buffer);
+  uint32_t done = 0;
+  uint32_t waited = 0;
+  while (done < length) {
+    int64_t n = file.read(p + done, length - done);
+    if (n < 0) return false;
+    if (n == 0) {
+      waited += kZeroWaitMs;
+      if (limitMs != 0 && waited >= limitMs) {
+        KLOG_ERROR("#%d,GENERAL::%s %d, block read timeout, return false. readed: %u. timeout: %u.\n", 0,
+                   __FUNCTION__, __LINE__, done, limitMs);
+        return false;
+      }
+      Velto::Kandu::sleepMs(kZeroWaitMs);
+      continue;
+    }
+    done += static_cast<uint32_t>(n);
+  }
+  return true;
+}
+
+CRecordFile::CRecordFile(CZarnFileSystem& fs, const RecordFileName& name) : m_fs(fs), m_name(name) {}
+
+CRecordFile::~CRecordFile() {
+  if (m_file) {
+    m_file->setListener(nullptr);
+    m_file->close();
+  }
+}
+
+void CRecordFile::requireMode(Mode mode) const {
+  if (m_mode != mode) std::abort();  // the wrong side of the file: a programming error
+}
+
+bool CRecordFile::openForWrite(uint16_t dataShards, uint16_t parityShards) {
+  m_mode = MODE_WRITE;
+  if (!generateRecordFileName(m_name, m_fullName)) {
+    m_state = STATE_OPEN_FAILED;
+    KLOG_ERROR("#%d,CRecordFile::%s %d, open for write failed.\n", 0, __FUNCTION__, __LINE__);
+    return false;
+  }
+  KLOG_INFO("#%d,CRecordFile::%s %d, filename: %s\n", 0, __FUNCTION__, __LINE__, m_fullName.c_str());
+  m_file = m_fs.createFile(m_fullName, dataShards, parityShards);
+  if (!m_file) {
+    m_state = STATE_OPEN_FAILED;
+    KLOG_ERROR("#%d,CRecordFile::%s %d, open for write failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    return false;
+  }
+  m_file->setListener(this);
+  m_index = std::make_shared<CRecordFileIndex>();
+  m_dataLength = 0;
+  m_lockCount = static_cast<int16_t>(m_name.lockCount);
+  m_state = STATE_OPEN;
+  KLOG_INFO("#%d,CRecordFile::%s %d, open for write successful.\n", 0, __FUNCTION__, __LINE__);
+  return true;
+}
+
+bool CRecordFile::openForRead() {
+  m_mode = MODE_READ;
+  if (!generateRecordFileName(m_name, m_fullName)) {
+    m_state = STATE_OPEN_FAILED;
+    return false;
+  }
+  KLOG_DEBUG("#%d,CRecordFile::%s %d, Open for read: %s, MTime: %u Size:%" PRIu64 "\n", 0, __FUNCTION__, __LINE__,
+             m_fullName.c_str(), m_name.realEndTime, m_name.size);
+  m_file = m_fs.openFile(m_fullName, StoreOpenMode::Read);
+  if (!m_file) {
+    m_state = STATE_OPEN_FAILED;
+    return false;
+  }
+  m_file->setListener(this);
+  if (m_name.endTime == 0) {
+    KLOG_DEBUG("#%d,CRecordFile::%s %d, file not closed. can't load info and index.\n", 0, __FUNCTION__, __LINE__);
+    m_state = STATE_NOT_CLOSED;
+    return true;
+  }
+  bool loaded = false;
+  if (m_name.indexState == RECORD_INDEX_INTERNAL) {
+    loaded = loadFromRecordFile();
+  } else if (m_name.indexState == RECORD_INDEX_SEPARATE) {
+    loaded = loadFromIndexFile();
+  }
+  if (loaded) {
+    m_state = STATE_INDEXED;
+  } else {
+    m_state = STATE_MISS_INDEX;
+    KLOG_WARN("#%d,CRecordFile::%s %d, file is MissIndex.\n", 0, __FUNCTION__, __LINE__);
+  }
+  return true;
+}
+
+int64_t CRecordFile::write(const void* buffer, uint32_t length) {
+  requireMode(MODE_WRITE);
+  if (!m_file) return -1;
+  int64_t n = m_file->write(buffer, length);
+  if (n > 0) {
+    m_dataLength += static_cast<uint64_t>(n);
+  } else if (n < 0 && m_dataLength == 0) {
+    m_emptyFile = true;
+    KLOG_ERROR("#%d,CRecordFile::%s %d, Write failed. empty file need clear\n", getLastError(), __FUNCTION__,
+               __LINE__);
+  }
+  return n;
+}
+
+void CRecordFile::addIndex(uint8_t type, uint8_t subType, uint32_t frameTime, uint32_t frameLength) {
+  requireMode(MODE_WRITE);
+  m_index->addIndex(IndexEntry::make(type, subType, frameTime, frameLength, m_dataLength - frameLength));
+}
+
+void CRecordFile::setLastTime(uint32_t time) {
+  requireMode(MODE_WRITE);
+  m_index->updateEndTime(time);
+}
+
+int64_t CRecordFile::read(void* buffer, uint32_t length) {
+  requireMode(MODE_READ);
+  return m_file ? m_file->read(buffer, length) : -1;
+}
+
+int64_t CRecordFile::seek(int64_t offset, int origin) {
+  requireMode(MODE_READ);
+  return m_file ? m_file->seek(offset, origin) : -1;
+}
+
+int64_t CRecordFile::tell() {
+  requireMode(MODE_READ);
+  return m_file ? m_file->tell() : -1;
+}
+
+uint64_t CRecordFile::length() {
+  if (m_mode == MODE_WRITE || m_infoLoaded) return m_dataLength;
+  ZarnFileStat st;
+  return stat(st) ? st.size : 0;
+}
+
+bool CRecordFile::stat(ZarnFileStat& out) { return m_file && m_file->stat(out); }
+
+uint32_t CRecordFile::endTime() const {
+  if (m_state == STATE_INDEXED || m_state == STATE_MISS_INDEX) return m_name.endTime;
+  if (m_index && m_index->isComplete()) return m_index->endTime();
+  return 0;
+}
+
+void CRecordFile::setRecordIndex(std::shared_ptr<CRecordFileIndex> index) {
+  m_index = std::move(index);
+  if (m_state == STATE_NOT_CLOSED) m_state = STATE_OPEN;
+}
+
+int16_t CRecordFile::incLockCount() {
+  requireMode(MODE_WRITE);
+  Velto::Kandu::CAutoLock lock(m_lockCountMutex);
+  return ++m_lockCount;
+}
+
+int16_t CRecordFile::decLockCount(bool reset) {
+  requireMode(MODE_WRITE);
+  Velto::Kandu::CAutoLock lock(m_lockCountMutex);
+  if (reset) {
+    m_lockCount = 0;
+  } else if (m_lockCount > 0) {
+    --m_lockCount;
+  }
+  return m_lockCount;
+}
+
+bool CRecordFile::loadRecordInfo(CFile& file) {
+  RecordInfo info{};
+  if (file.seek(-static_cast<int64_t>(RecordInfo::kSize), 2) < 0 ||
+      !blockRead(file, &info, RecordInfo::kSize, kInfoReadLimitMs) || !info.isValid()) {
+    KLOG_WARN("#%d,CRecordFile::%s %d, load record info failed.\n", 0, __FUNCTION__, __LINE__);
+    return false;
+  }
+  m_info = info;
+  m_infoLoaded = true;
+  m_dataLength = info.dataLength;
+  KLOG_DEBUG("#%d,CRecordFile::%s %d, load record info successful.\n", 0, __FUNCTION__, __LINE__);
+  return true;
+}
+
+bool CRecordFile::loadRecordIndex(CFile& file) {
+  // A closed file without any key frame has no index to load.
+  if (m_info.indexLength == 0 || m_info.indexLength % sizeof(IndexEntry) != 0) {
+    KLOG_WARN("#%d,CRecordFile::%s %d, load record index failed.\n", 0, __FUNCTION__, __LINE__);
+    return false;
+  }
+  std::vector<IndexEntry> entries(m_info.indexLength / sizeof(IndexEntry));
+  if (file.seek(static_cast<int64_t>(m_info.indexOffset), 0) < 0 ||
+      !blockRead(file, entries.data(), m_info.indexLength, kInfoReadLimitMs)) {
+    KLOG_WARN("#%d,CRecordFile::%s %d, load record index failed.\n", 0, __FUNCTION__, __LINE__);
+    return false;
+  }
+  auto index = std::make_shared<CRecordFileIndex>();
+  for (const IndexEntry& e : entries) {
+    if (!m_smartMode && isSmartFrame(e.type, e.subType)) m_smartMode = true;
+    KLOG_TRACE("#%d,CRecordFile::%s %d, smart mode:%d, type:%d, sub_type:%d, ts:%u, offset:%u\n", 0, __FUNCTION__,
+               __LINE__, m_smartMode ? 1 : 0, e.type, e.subType, e.time, static_cast<unsigned>(e.offset()));
+    index->addIndex(e);
+  }
+  index->setComplete();
+  m_index = std::move(index);
+  if (m_file) m_file->seek(0, 0);
+  return true;
+}
+
+bool CRecordFile::loadFromRecordFile() {
+  KLOG_DEBUG("#%d,CRecordFile::%s %d, load from Record file\n", 0, __FUNCTION__, __LINE__);
+  return loadRecordInfo(*m_file) && loadRecordIndex(*m_file);
+}
+
+bool CRecordFile::loadFromIndexFile() {
+  KLOG_DEBUG("#%d,CRecordFile::%s %d, load from Index file\n", 0, __FUNCTION__, __LINE__);
+  RecordFileName indexName = m_name;
+  indexName.isIndex = 1;
+  std::string path;
+  std::unique_ptr<CFile> file;
+  if (generateRecordFileName(indexName, path)) file = m_fs.openFile(path, StoreOpenMode::Read);
+  if (!file) {
+    KLOG_WARN("#%d,CRecordFile::%s %d, open index file failed. %s\n", getLastError(), __FUNCTION__, __LINE__,
+              path.c_str());
+    return false;
+  }
+  bool ok = loadRecordInfo(*file) && loadRecordIndex(*file);
+  file->close();
+  return ok;
+}
+
+bool CRecordFile::writeRecordIndex() {
+  std::vector<IndexEntry> entries = m_index->entries();
+  for (const IndexEntry& e : entries) {
+    if (!blockWrite(*m_file, &e, sizeof(e))) {
+      KLOG_ERROR("#%d,CRecordFile::%s %d, write record index failed.\n", getLastError(), __FUNCTION__, __LINE__);
+      return false;
+    }
+  }
+  KLOG_DEBUG("#%d,CRecordFile::%s %d, write record index successful.\n", 0, __FUNCTION__, __LINE__);
+  return true;
+}
+
+bool CRecordFile::writeRecordInfo() {
+  // The index goes right after the data, so its offset is D.
+  RecordInfo info = RecordInfo::make(m_index->beginTime(), m_index->endTime(), m_dataLength,
+                                     static_cast<uint32_t>(m_index->size() * sizeof(IndexEntry)), m_dataLength);
+  if (!blockWrite(*m_file, &info, RecordInfo::kSize)) {
+    KLOG_ERROR("#%d,CRecordFile::%s %d, write record info failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    return false;
+  }
+  m_info = info;
+  KLOG_DEBUG("#%d,CRecordFile::%s %d, write record info successful.\n", 0, __FUNCTION__, __LINE__);
+  return true;
+}
+
+bool CRecordFile::close() {
+  if (m_mode == MODE_WRITE && m_emptyFile) {
+    KLOG_WARN("#%d,CRecordFile::%s %d, clear empty record file. %s\n", 0, __FUNCTION__, __LINE__, m_fullName.c_str());
+    if (m_file) {
+      m_file->setListener(nullptr);
+      m_file->close();
+      m_file.reset();
+    }
+    m_fs.removeFile(m_fullName);
+    return true;
+  }
+  if (!m_file || m_mode != MODE_WRITE) {
+    if (m_file) {
+      m_file->setListener(nullptr);
+      m_file->close();
+      m_file.reset();
+    }
+    return true;
+  }
+
+  m_index->setComplete();
+  bool infoWritten = writeRecordIndex() && writeRecordInfo();
+  m_file->setListener(nullptr);
+  bool closed = m_file->close();
+  m_file.reset();
+  if (!closed) {
+    CMediaContext::instance().stats().addWriteFailedCount();
+    KLOG_ERROR("#%d,CRecordFile::%s %d, close record file failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    return false;
+  }
+
+  // A file of a forgotten bucket that already carries an end time keeps its name.
+  if (m_name.bucketKind == BUCKET_KIND_FORGOTTEN && m_name.endTime != 0) return infoWritten;
+  RecordFileName closedName = m_name;
+  // The end never lies before the begin, even when no frame time moved it.
+  closedName.endTime = std::max(m_index->endTime(), m_name.beginTime);
+  closedName.indexState = infoWritten ? RECORD_INDEX_INTERNAL : RECORD_INDEX_MISSING;
+  std::string newName;
+  if (!generateRecordFileName(closedName, newName)) {
+    KLOG_ERROR("#%d,CRecordFile::%s %d, rename record file failed.\n", 0, __FUNCTION__, __LINE__);
+    return infoWritten;
+  }
+  KLOG_INFO("#%d,CRecordFile::%s %d, rename: %s -> %s.\n\n", 0, __FUNCTION__, __LINE__, m_fullName.c_str(),
+            newName.c_str());
+  if (m_fs.renameFile(m_fullName, newName)) {
+    m_name = closedName;
+    m_fullName = newName;
+  } else {
+    KLOG_ERROR("#%d,CRecordFile::%s %d, rename record file failed.\n", getLastError(), __FUNCTION__, __LINE__);
+  }
+  return infoWritten;
+}
+
+void CRecordFile::onFileStateChanged(CFile* file, int state) {
+  KLOG_WARN("#%d,CRecordFile::%s %d, FileStateChanged: %d.\n", 0, __FUNCTION__, __LINE__, state);
+  if (file != m_file.get()) KLOG_WARN("#%d,CRecordFile::%s %d, file != &m_file.\n", 0, __FUNCTION__, __LINE__);
+  if (m_stateCallback) m_stateCallback(state);
+}
+
+}  // namespace Velto::Zarn
