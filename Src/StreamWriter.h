@@ -1,0 +1,164 @@
+// CStreamWriter: the recording engine of one stream.
+//
+// Takes every frame of the stream, appends it to the stream's current record
+// file, keeps the file's key-frame index, cuts to a new file at a key frame
+// when length, duration, a time hop or a forced cut demands, and closes the
+// last file when the stream is closed.
+//
+// Two modes, fixed at construction:
+//   sync   writeFrame writes on the caller's thread before it returns (no heap
+//          allocation per frame);
+//   async  writeFrame copies the frame into a cache of at most 100 frames and
+//          returns at once (-2 when full); a writer-queue thread writes at most
+//          25 frames per pass and gives a pass up when the store takes nothing,
+//          so one slow stream never holds a queue thread.
+//
+// Results: 0 taken (or deliberately dropped), -2 cache full, -3 file fault.
+// File fault is one-way: after a write error or a failed file creation every
+// write returns -3.
+//
+// Threads: writeFrame on the host's thread; execute on a writer-queue thread
+// (under the item mutex); the asynchronous close on the writer's own one-shot
+// timer; forceCutFile on the locking caller's thread. The frame cache is the
+// only structure writeFrame and the worker share (m_cacheMutex); the file state
+// has its own mutex. Lock order: work-queue mutex, then item mutex.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "KanduSync.h"
+#include "KanduTimer.h"
+#include "RecordFile.h"
+#include "WorkQueue.h"
+#include "ZarnClient.h"
+#include "ZarnMediaClient.h"
+
+namespace Velto::Zarn {
+
+class CStreamWriter : public CWorkItem {
+ public:
+  static constexpr size_t kCacheFrames = 100;     // async cache bound
+  static constexpr size_t kFramesPerPass = 25;    // frames a worker pass takes over
+  static constexpr size_t kItemPoolSize = 8;      // written frame items kept for reuse
+  static constexpr uint32_t kTimeHopSeconds = 601;
+  static constexpr int32_t kMaxCutsInProgress = 10;
+  static constexpr uint32_t kForceCutWaitMs = 10000;
+
+  CStreamWriter(std::shared_ptr<CZarnFileSystem> fs, uint32_t sid, int16_t type, bool sync);
+  ~CStreamWriter() override;
+
+  // frameTime 0 records the frame under its own time. `written` receives the
+  // bytes taken (the frame length), 0 when the frame was not taken.
+  int32_t writeFrame(const VeltoFrame* frame, uint32_t frameTime, unsigned long long& written);
+  // Pads the current file to the next stripe boundary with a padding frame
+  // (sync writers only; an async writer aborts). 0 or -3.
+  int32_t flushFrame();
+  // Cuts the current file at the next key frame if it holds frames from before
+  // `time`; waits for the cut at most 10 s. true when done (or nothing to cut).
+  bool forceCutFile(uint32_t time);
+  void cutResultNotify(uint8_t result);
+  // Starts the asynchronous close; `self` is the registry's reference to this
+  // writer, kept until the close has run. Returns at once.
+  void closeStream(std::shared_ptr<CStreamWriter> self);
+
+  void execute() override;
+  void fileStateChangedProc(int state);
+
+  uint32_t sid() const { return m_sid; }
+  bool isFileFault() const { return m_fileFault.load(); }
+  bool isClosed() const { return m_closed.load(); }
+  bool isIdleForTest() const { return m_queueState.load() == 1; }
+  bool isForceCutPendingForTest() const { return m_forceCutPending.load(); }
+  // Process-wide count of cuts in progress (for tests).
+  static int32_t cutsInProgress();
+
+ private:
+  struct FrameItem {
+    std::vector<uint8_t> bytes;  // the whole frame
+    uint32_t frameTime = 0;
+    uint32_t writtenBytes = 0;   // of the current item only
+    bool screened = false;       // passed cut decision and checkFrame (a resumed item is not screened again)
+    const VeltoFrameHead& head() const { return *reinterpret_cast<const VeltoFrameHead*>(bytes.data()); }
+  };
+
+  bool checkFile(const VeltoFrameHead& head, uint32_t frameTime);
+  bool couldCutFile(const VeltoFrameHead& head, uint32_t frameTime);
+  void cutFile(uint32_t frameTime);
+  bool createFile(uint32_t startTime, bool asNext);
+  void closeCurrentFile();
+  bool switchToNextFile();
+  bool checkFrame(const VeltoFrameHead& head, const uint8_t* frameBytes);
+  // Writes bytes[done..length) of a frame; blocking retries 0-byte writes every
+  // 5 ms. 0 complete, -2 the store took nothing (non-blocking), -3 fault.
+  int32_t writeBlk(const uint8_t* bytes, uint32_t length, uint32_t& done, bool blocking);
+  void afterWrite(const VeltoFrameHead& head, uint32_t frameTime);
+  // One worker pass; true when it gave up because the store took nothing.
+  bool doWriteFrame(bool flushAll);
+  bool ensureBucket();
+  void asyncCloseProc(Velto::Kandu::CTimer* timer);
+  void waitOutOfQueue();
+  void clearFrameBuf();
+  void submitSelf();
+  void recycle(std::unique_ptr<FrameItem> item);
+
+  std::shared_ptr<CZarnFileSystem> m_fs;
+  const uint32_t m_sid;
+  const int16_t m_type;
+  const bool m_sync;
+  std::atomic<bool> m_closed{false};
+
+  std::unique_ptr<CRecordFile> m_curFile;   // writing thread only
+  std::unique_ptr<CRecordFile> m_nextFile;  // writing thread only
+  Velto::Kandu::CMutex m_fileStateMutex;
+  int32_t m_fileState = 0;                  // guarded by m_fileStateMutex
+  bool m_fileCreated = false;
+  bool m_keyFrameSeen = false;
+
+  CWorkQueue& m_queue;
+  Velto::Kandu::CMutex m_cacheMutex;
+  std::deque<std::unique_ptr<FrameItem>> m_framesBuf4Cache;  // guarded by m_cacheMutex
+  std::deque<std::unique_ptr<FrameItem>> m_framesBuf4Write;  // worker only
+  std::unique_ptr<FrameItem> m_curFrameItem;                 // worker only
+  // Written items kept for the next frames, so a steady stream reuses its
+  // buffers instead of faulting in fresh heap pages for every frame.
+  std::vector<std::unique_ptr<FrameItem>> m_itemPool;        // guarded by m_cacheMutex
+
+  std::atomic<bool> m_fileFault{false};
+  uint32_t m_zeroWriteCount = 0;
+  std::vector<uint8_t> m_padding;  // one stripe, made at the first flush (idle writers pay nothing)
+
+  std::atomic<bool> m_hasCurFile{false};         // read by forceCutFile's caller
+  std::atomic<uint32_t> m_curFileStartTime{0};   // read by forceCutFile's caller
+  uint32_t m_curFileLastTime = 0;
+
+  std::atomic<bool> m_forceCutPending{false};
+  std::atomic<uint8_t> m_forceCutResult{0};
+  std::atomic<uint32_t> m_forceCutTime{0};
+  Velto::Kandu::CSemaphore m_forceCutSemaphore{0};
+  Velto::Kandu::CMutex m_forceCutMutex;
+
+  std::atomic<int> m_queueState{1};  // 1 idle, 0 submitted or running
+
+  const uint32_t m_maxFileLength;
+  const uint32_t m_maxFileDuration;
+  const uint32_t m_minCutFileTime;
+  const bool m_svcEnabled;
+
+  uint8_t m_svcLevels = 0xFF;
+  uint8_t m_svcLayerFlag = 0xFF;
+  uint32_t m_lastSequence = 0;
+  uint32_t m_refSequence = 0;
+  bool m_refFound = false;
+
+  bool m_bucketUnchecked = true;
+  Velto::Kandu::CTimer m_asyncDeleteTimer;
+  std::shared_ptr<CStreamWriter> m_self;  // held while closing
+  bool m_timeHopping = false;
+  uint16_t m_lastMsStamp = 0;
+};
+
+}  // namespace Velto::Zarn

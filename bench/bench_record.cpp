@@ -1,0 +1,338 @@
+// bench_record: records S streams of synthetic frames through CMediaClient into
+// a local store and, side by side in the same run, writes the same frames with
+// a plain write(2) loop into one file per stream (made durable with fdatasync
+// at the end, as the store does when it closes a record file). Prints CPU seconds per GiB for
+// both and their ratio, MB/s, refused frames (-2), sync writeFrame latency
+// p50/p99, heap allocations per frame on the sync path, the cost of idle
+// writers, and peak memory.
+//
+//   bench_record [--streams N] [--kbps N] [--fps N] [--gop N] [--seconds N]
+//                [--realtime] [--async] [--store DIR] [--idle-writers N]
+//
+// --gop is the key-frame interval in seconds; --seconds the length of video
+// recorded per stream. Without --realtime frames go as fast as possible.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "KanduLog.h"
+#include "KanduTime.h"
+#include "MediaContext.h"
+#include "VeltoFrame.h"
+#include "WritingFiles.h"
+#include "ZarnMediaClient.h"
+
+namespace {
+
+std::atomic<uint64_t> g_allocations{0};
+
+}  // namespace
+
+// Counts every heap allocation of the process (the sync path must make none per frame).
+void* operator new(size_t size) {
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* p = std::malloc(size ? size : 1)) return p;
+  throw std::bad_alloc();
+}
+void* operator new[](size_t size) { return operator new(size); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
+void operator delete[](void* p, size_t) noexcept { std::free(p); }
+
+namespace {
+
+using Velto::Zarn::CMediaClient;
+using Velto::Zarn::VeltoFrame;
+
+struct Options {
+  unsigned streams = 16;
+  unsigned kbps = 4000;
+  unsigned fps = 25;
+  unsigned gop = 2;
+  unsigned seconds = 20;
+  bool realtime = false;
+  bool async = false;
+  unsigned idleWriters = 1000;
+  std::string store = "./bench-record-store";
+};
+
+double cpuSeconds() {
+  rusage u{};
+  getrusage(RUSAGE_SELF, &u);
+  return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+         static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+long contextSwitches() {
+  rusage u{};
+  getrusage(RUSAGE_SELF, &u);
+  return u.ru_nvcsw + u.ru_nivcsw;
+}
+
+long peakRssKb() {
+  rusage u{};
+  getrusage(RUSAGE_SELF, &u);
+  return u.ru_maxrss;
+}
+
+long currentRssKb() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
+  return 0;
+}
+
+int threadCount() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind("Threads:", 0) == 0) return std::atoi(line.c_str() + 8);
+  return 0;
+}
+
+// One synthetic frame: a valid head and tail around a payload pattern.
+void buildFrame(std::vector<uint8_t>& buf, uint32_t length, bool key, uint32_t seq, uint32_t utc) {
+  buf.assign(length, 0);
+  Velto::Zarn::VeltoFrameHead head{};
+  head.magic = Velto::Zarn::kFrameHeadMagic;
+  head.type = key ? Velto::Zarn::FRAME_TYPE_I : Velto::Zarn::FRAME_TYPE_P;
+  head.sequence = seq;
+  head.length = length;
+  Velto::Kandu::CTime t(utc);
+  head.packedTime =
+      Velto::Zarn::packFrameTime(t.getYear(), t.getMonth(), t.getDay(), t.getHour(), t.getMinute(), t.getSecond());
+  std::memcpy(buf.data(), &head, sizeof(head));
+  Velto::Zarn::sealFrameHead(buf.data());
+  for (uint32_t i = 24; i + 8 < length; i += 64) buf[i] = static_cast<uint8_t>(seq + i);
+  const uint32_t tail = Velto::Zarn::kFrameTailMagic;
+  std::memcpy(buf.data() + length - 8, &tail, 4);
+  std::memcpy(buf.data() + length - 4, &length, 4);
+}
+
+struct Stream {
+  std::vector<uint8_t> key, delta;  // one key frame and one delta frame, re-stamped per frame
+};
+
+uint32_t frameLength(const Options& o, bool key) {
+  uint32_t average = std::max<uint32_t>(64, o.kbps * 1000 / 8 / o.fps);
+  // Key frames are five times the size of delta frames at the same average rate.
+  uint32_t perGop = average * o.fps * o.gop;
+  uint32_t framesPerGop = o.fps * o.gop;
+  uint32_t delta = std::max<uint32_t>(64, perGop / (framesPerGop + 4));
+  return key ? delta * 5 : delta;
+}
+
+void restamp(std::vector<uint8_t>& f, uint32_t seq, uint32_t utc) {
+  Velto::Zarn::VeltoFrameHead* h = reinterpret_cast<Velto::Zarn::VeltoFrameHead*>(f.data());
+  h->sequence = seq;
+  Velto::Kandu::CTime t(utc);
+  h->packedTime =
+      Velto::Zarn::packFrameTime(t.getYear(), t.getMonth(), t.getDay(), t.getHour(), t.getMinute(), t.getSecond());
+  Velto::Zarn::sealFrameHead(f.data());
+}
+
+// Issues every stream's frames in frame order, calling `emit(stream, frame)`;
+// with realtime, frame k of every stream is issued at k / fps seconds.
+template <typename Emit>
+void drive(const Options& o, std::vector<Stream>& streams, uint32_t base, Emit emit) {
+  const uint64_t frames = static_cast<uint64_t>(o.fps) * o.seconds;
+  const auto start = std::chrono::steady_clock::now();
+  for (uint64_t k = 0; k < frames; ++k) {
+    if (o.realtime) std::this_thread::sleep_until(start + std::chrono::microseconds(k * 1000000 / o.fps));
+    const bool key = k % (static_cast<uint64_t>(o.fps) * o.gop) == 0;
+    const uint32_t utc = base + static_cast<uint32_t>(k / o.fps);
+    for (unsigned s = 0; s < streams.size(); ++s) {
+      std::vector<uint8_t>& f = key ? streams[s].key : streams[s].delta;
+      restamp(f, static_cast<uint32_t>(k), utc);
+      emit(s, f);
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    auto next = [&]() -> const char* {
+      if (i + 1 >= argc) {
+        std::fprintf(stderr, "%s needs a value\n", a.c_str());
+        std::exit(2);
+      }
+      return argv[++i];
+    };
+    if (a == "--streams") o.streams = static_cast<unsigned>(std::atoi(next()));
+    else if (a == "--kbps") o.kbps = static_cast<unsigned>(std::atoi(next()));
+    else if (a == "--fps") o.fps = static_cast<unsigned>(std::atoi(next()));
+    else if (a == "--gop") o.gop = static_cast<unsigned>(std::atoi(next()));
+    else if (a == "--seconds") o.seconds = static_cast<unsigned>(std::atoi(next()));
+    else if (a == "--realtime") o.realtime = true;
+    else if (a == "--async") o.async = true;
+    else if (a == "--idle-writers") o.idleWriters = static_cast<unsigned>(std::atoi(next()));
+    else if (a == "--store") o.store = next();
+    else {
+      std::fprintf(stderr, "unknown argument %s (see the header of bench_record.cpp)\n", a.c_str());
+      return 2;
+    }
+  }
+  if (o.streams == 0 || o.fps == 0 || o.gop == 0 || o.seconds == 0) {
+    std::fprintf(stderr, "streams, fps, gop and seconds must be positive\n");
+    return 2;
+  }
+  if (!std::getenv("ZARN_LOG_LEVEL")) Velto::Kandu::setLogLevel(Velto::Kandu::LOG_ERROR);
+  std::filesystem::remove_all(o.store);
+  std::filesystem::create_directories(o.store + "/plain");
+
+  std::vector<Stream> streams(o.streams);
+  const uint32_t base = static_cast<uint32_t>(Velto::Kandu::wallClockSeconds());
+  for (Stream& s : streams) {
+    buildFrame(s.key, frameLength(o, true), true, 0, base);
+    buildFrame(s.delta, frameLength(o, false), false, 0, base);
+  }
+  std::printf("streams %u, %u kbit/s, %u fps, key frame every %u s, %u s of video each, %s, %s writers\n",
+              o.streams, o.kbps, o.fps, o.gop, o.seconds, o.realtime ? "paced in real time" : "as fast as possible",
+              o.async ? "async" : "sync");
+
+  // Plain write(2): one file per stream.
+  std::vector<int> fds(o.streams);
+  for (unsigned s = 0; s < o.streams; ++s)
+    fds[s] = ::open((o.store + "/plain/" + std::to_string(s)).c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_APPEND, 0644);
+  uint64_t plainBytes = 0;
+  double cpu0 = cpuSeconds();
+  auto wall0 = std::chrono::steady_clock::now();
+  drive(o, streams, base, [&](unsigned s, const std::vector<uint8_t>& f) {
+    size_t off = 0;
+    while (off < f.size()) {
+      ssize_t n = ::write(fds[s], f.data() + off, f.size() - off);
+      if (n <= 0) std::abort();
+      off += static_cast<size_t>(n);
+    }
+    plainBytes += f.size();
+  });
+  // The store makes a record file durable before it takes its closed name; the
+  // plain loop does the same for a like-for-like comparison.
+  for (int fd : fds) {
+    ::fdatasync(fd);
+    ::close(fd);
+  }
+  double plainCpu = cpuSeconds() - cpu0;
+  double plainWall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
+
+  // The library.
+  uint64_t libBytes = 0, refused = 0, failed = 0;
+  std::vector<uint32_t> latencyNs;
+  latencyNs.reserve(static_cast<size_t>(o.streams) * o.fps * o.seconds);
+  uint64_t steadyAllocs = 0, steadyFrames = 0;
+  double libCpu = 0, libWall = 0;
+  long switches0 = 0, libSwitches = 0;
+  {
+    CMediaClient client;
+    std::string address = o.store + "/store";
+    Velto::Zarn::Config config{address.c_str(), 0, "root", ""};
+    if (client.initialize(config, nullptr) != 0) {
+      std::fprintf(stderr, "cannot open the store at %s\n", address.c_str());
+      return 1;
+    }
+    for (unsigned s = 0; s < o.streams; ++s) {
+      client.setRecyclePolicy(s + 1, 24, 0);
+      if (client.addStream(s + 1, 1, !o.async) != 0) return 1;
+    }
+    VeltoFrame frame;
+    switches0 = contextSwitches();
+    cpu0 = cpuSeconds();
+    wall0 = std::chrono::steady_clock::now();
+    const uint64_t keyEvery = static_cast<uint64_t>(o.fps) * o.gop;
+    uint64_t issued = 0;
+    drive(o, streams, base, [&](unsigned s, const std::vector<uint8_t>& f) {
+      frame.attach(f.data());
+      unsigned long long taken = 0;
+      // Steady state for the allocation count: after the first GOP, no key frame
+      // (cuts and file creations allocate, by design, once per file).
+      const bool steady = !o.async && issued / o.streams >= keyEvery &&
+                          (issued / o.streams) % keyEvery != 0;
+      const uint64_t before = g_allocations.load(std::memory_order_relaxed);
+      const auto t0 = std::chrono::steady_clock::now();
+      int r = client.writeFrame(s + 1, &frame, 0, taken);
+      // Unpaced, a full cache is back-pressure: count it and offer the frame again.
+      while (r == -2 && !o.realtime) {
+        ++refused;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        r = client.writeFrame(s + 1, &frame, 0, taken);
+      }
+      const auto t1 = std::chrono::steady_clock::now();
+      if (steady) {
+        steadyAllocs += g_allocations.load(std::memory_order_relaxed) - before;
+        ++steadyFrames;
+      }
+      if (!o.async) latencyNs.push_back(static_cast<uint32_t>(std::chrono::nanoseconds(t1 - t0).count()));
+      if (r == -2) ++refused;
+      else if (r != 0) ++failed;
+      else libBytes += taken;
+      ++issued;
+    });
+    for (unsigned s = 0; s < o.streams; ++s) client.deleteStream(s + 1);
+    // Closing is asynchronous: wait until every last file is closed and renamed.
+    Velto::Zarn::CWritingFileTable& writing = Velto::Zarn::CMediaContext::instance().writingFiles();
+    Velto::Zarn::CWritingFileTable::Entry entry;
+    for (unsigned s = 0; s < o.streams; ++s)
+      while (writing.get(s + 1, entry)) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    libCpu = cpuSeconds() - cpu0;
+    libSwitches = contextSwitches() - switches0;
+    libWall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
+
+    // Idle writers: what a registered stream that records nothing costs.
+    long rss0 = currentRssKb();
+    int threads0 = threadCount();
+    for (unsigned s = 0; s < o.idleWriters; ++s) {
+      client.setRecyclePolicy(100000 + s, 24, 0);
+      client.addStream(100000 + s, 1, true);
+    }
+    long rss1 = currentRssKb();
+    int threads1 = threadCount();
+    std::printf("idle writers: %u cost %.1f KiB each and %d threads in all\n", o.idleWriters,
+                o.idleWriters ? static_cast<double>(rss1 - rss0) / o.idleWriters : 0.0, threads1 - threads0);
+    for (unsigned s = 0; s < o.idleWriters; ++s) client.deleteStream(100000 + s);
+  }
+
+  const double gib = 1024.0 * 1024.0 * 1024.0;
+  const double plainPerGiB = plainBytes ? plainCpu / (static_cast<double>(plainBytes) / gib) : 0;
+  const double libPerGiB = libBytes ? libCpu / (static_cast<double>(libBytes) / gib) : 0;
+  std::printf("plain write(2): %8.1f MB/s  %6.3f CPU s/GiB  (%" PRIu64 " bytes in %.2f s)\n",
+              static_cast<double>(plainBytes) / 1e6 / plainWall, plainPerGiB, plainBytes, plainWall);
+  std::printf("CMediaClient  : %8.1f MB/s  %6.3f CPU s/GiB  (%" PRIu64 " bytes in %.2f s)\n",
+              static_cast<double>(libBytes) / 1e6 / libWall, libPerGiB, libBytes, libWall);
+  std::printf("CPU per GiB ratio (library / plain): %.2f  (target <= 1.3)\n",
+              plainPerGiB > 0 ? libPerGiB / plainPerGiB : 0.0);
+  std::printf("refused frames (-2): %" PRIu64 ", failed writes: %" PRIu64 "\n", refused, failed);
+  const uint64_t framesIssued = static_cast<uint64_t>(o.streams) * o.fps * o.seconds;
+  std::printf("context switches per frame (library phase): %.2f\n",
+              framesIssued ? static_cast<double>(libSwitches) / static_cast<double>(framesIssued) : 0.0);
+  if (!latencyNs.empty()) {
+    std::sort(latencyNs.begin(), latencyNs.end());
+    std::printf("sync writeFrame latency: p50 %.1f us, p99 %.1f us\n", latencyNs[latencyNs.size() / 2] / 1000.0,
+                latencyNs[latencyNs.size() * 99 / 100] / 1000.0);
+    std::printf("heap allocations per frame on the sync path (steady state): %.3f over %" PRIu64 " frames\n",
+                steadyFrames ? static_cast<double>(steadyAllocs) / static_cast<double>(steadyFrames) : 0.0,
+                steadyFrames);
+  }
+  std::printf("peak memory: %.1f MiB\n", static_cast<double>(peakRssKb()) / 1024.0);
+  std::filesystem::remove_all(o.store);
+  return failed == 0 ? 0 : 1;
+}

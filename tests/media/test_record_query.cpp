@@ -1,0 +1,399 @@
+// Record queries over a real local store: which files a range finds, how files
+// become clips, how files without an end are completed, and the status bitmap.
+// Files are empty (or hold a few bytes where sizes matter): queries read names
+// and listing sizes only.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "KanduTime.h"
+#include "MediaContext.h"
+#include "RecordFileIndex.h"
+#include "RecordFileName.h"
+#include "RecordQuery.h"
+#include "TestSupport.h"
+#include "WritingFiles.h"
+
+using namespace Velto::Zarn;
+
+namespace {
+
+// 10:00:00 UTC, a multiple of an hour; months before the machine's clock, so
+// real modification times never bound a computed end.
+const uint32_t T = static_cast<uint32_t>(Velto::Kandu::CTime::makeTime(2026, 3, 10, 10, 0, 0));
+constexpr uint32_t kDay = 86400;
+constexpr uint32_t kSid = 7;
+
+RecordFileName closedFile(uint32_t begin, uint32_t end, uint16_t type = 1, uint16_t locks = 0, uint32_t state = 1,
+                          uint16_t kind = BUCKET_KIND_MEDIA) {
+  RecordFileName n;
+  n.streamId = kSid;
+  n.beginTime = begin;
+  n.endTime = end;
+  n.realEndTime = end;
+  n.type = type;
+  n.lockCount = locks;
+  n.indexState = state;
+  n.bucketKind = kind;
+  return n;
+}
+
+RecordFileName openFile(uint32_t begin) { return closedFile(begin, 0, 1, 0, 0); }
+
+std::string nameOf(const RecordFileName& n) {
+  std::string name;
+  EXPECT_TRUE(generateRecordFileName(n, name));
+  return name;
+}
+
+class RecordQueryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Config config{m_dir.path().c_str(), 0, "root", ""};
+    ASSERT_TRUE(m_fs.initialize(config));
+    ASSERT_TRUE(m_fs.createBucket("media_7"));
+    setNow(T + 10 * kDay);
+  }
+  void TearDown() override {
+    Velto::Kandu::setWallClockForTest(nullptr);
+    CMediaContext::instance().writingFiles().erase(kSid);
+  }
+
+  static void setNow(uint32_t seconds) {
+    Velto::Kandu::setWallClockForTest([seconds] { return static_cast<int64_t>(seconds) * 1000; });
+  }
+
+  // Creates the file with `bytes` bytes; returns it still open for writing
+  // when `keepOpen`.
+  std::unique_ptr<CFile> add(const RecordFileName& n, uint32_t bytes = 0, bool keepOpen = false) {
+    std::unique_ptr<CFile> f = m_fs.createFile(nameOf(n), 4, 1);
+    EXPECT_TRUE(f);
+    if (!f) return f;
+    std::vector<uint8_t> data(bytes, 0x5A);
+    if (bytes) {
+      EXPECT_EQ(f->write(data.data(), bytes), static_cast<int64_t>(bytes));
+    }
+    if (keepOpen) return f;
+    EXPECT_TRUE(f->close());
+    return nullptr;
+  }
+
+  bool exists(const RecordFileName& n) {
+    ZarnFileStat st;
+    return m_fs.getFileStat(nameOf(n), st);
+  }
+
+  std::vector<RecordClip> clips(uint32_t b, uint32_t e, uint32_t d, bool aligned = false, uint32_t sid = kSid) {
+    std::vector<RecordClip> out;
+    EXPECT_EQ(aligned ? queryAlignedClipList(m_fs, sid, b, e, out, d) : queryRecordClipList(m_fs, sid, b, e, out, d),
+              0);
+    return out;
+  }
+
+  std::vector<RecordClipEx> files(uint32_t b, uint32_t e, uint32_t sid = kSid) {
+    std::vector<RecordClipEx> out;
+    EXPECT_EQ(queryRecordFileList(m_fs, sid, b, e, out), 0);
+    return out;
+  }
+
+  ZarnTest::TempDir m_dir;
+  CZarnFileSystem m_fs;
+};
+
+#define EXPECT_SPAN(clip, b, e) \
+  do {                          \
+    EXPECT_EQ((clip).beginTime, (b)); \
+    EXPECT_EQ((clip).endTime, (e));   \
+  } while (0)
+
+TEST(ClipRules, MergeNeedsAdjacencySameLockAndType) {
+  RecordClip clip = toRecordClip(closedFile(T, T + 600));
+  EXPECT_TRUE(mergeIntoClip(closedFile(T + 600, T + 700), clip));  // gap 0
+  EXPECT_TRUE(mergeIntoClip(closedFile(T + 701, T + 800), clip));  // gap 1
+  EXPECT_SPAN(clip, T, T + 800);
+  EXPECT_FALSE(mergeIntoClip(closedFile(T + 802, T + 900), clip));           // gap 2
+  EXPECT_FALSE(mergeIntoClip(closedFile(T + 799, T + 900), clip));           // overlap
+  EXPECT_FALSE(mergeIntoClip(closedFile(T + 800, T + 900, 1, 1), clip));     // locked
+  EXPECT_FALSE(mergeIntoClip(closedFile(T + 800, T + 900, 2), clip));        // type
+  EXPECT_TRUE(mergeIntoClip(closedFile(T + 800, T + 900, 1, 0, 0, BUCKET_KIND_FORGOTTEN), clip));
+  EXPECT_EQ(clip.missing, 0);  // flags of the first file stay
+  EXPECT_EQ(clip.forgotten, 0);
+  EXPECT_SPAN(clip, T, T + 900);
+}
+
+TEST(ClipRules, SplitKeepsTailUntilFlushAndClampsOneSide) {
+  std::vector<RecordClip> out;
+  RecordClip clip = toRecordClip(closedFile(T, T + 5000));
+  clip.size = 5000;
+  splitClip(clip, T, T + kDay, out, 3600, true, false);
+  ASSERT_EQ(out.size(), 1u);
+  EXPECT_SPAN(out[0], T, T + 3600);
+  EXPECT_EQ(out[0].size, 3600u);
+  EXPECT_SPAN(clip, T + 3600, T + 5000);  // the rest waits for a merge
+  EXPECT_EQ(clip.size, 1400u);
+
+  // Range [T+3700, T+3800) lies inside one piece: cut at its begin only.
+  out.clear();
+  clip = toRecordClip(closedFile(T, T + 7200));
+  clip.size = 7200;
+  splitClip(clip, T + 3700, T + 3800, out, 3600, true, true);
+  ASSERT_EQ(out.size(), 1u);  // the first piece ends before the range: dropped
+  EXPECT_SPAN(out[0], T + 3700, T + 7200);
+  EXPECT_EQ(out[0].size, 3500u);
+
+  // A piece starting at the range's end is dropped; one crossing it is cut.
+  out.clear();
+  clip = toRecordClip(closedFile(T, T + 7200));
+  splitClip(clip, T - 10, T + 3500, out, 3600, false, true);
+  ASSERT_EQ(out.size(), 1u);
+  EXPECT_SPAN(out[0], T, T + 3500);
+}
+
+TEST(ClipRules, AllOnesDurationMeansThirtyDays) {
+  ZarnTest::LogCapture log(Velto::Kandu::LOG_ERROR);
+  std::vector<RecordClip> out;
+  RecordClip clip = toRecordClip(closedFile(T, T + 40 * kDay));
+  splitClip(clip, T, T + 50 * kDay, out, 4294967295u, false, true);
+  ASSERT_EQ(out.size(), 2u);
+  EXPECT_SPAN(out[0], T, T + 30 * kDay);
+  EXPECT_SPAN(out[1], T + 30 * kDay, T + 40 * kDay);
+  EXPECT_TRUE(log.contains("durationPerClip is -1, convert to 30 days avoid overflow."));
+}
+
+TEST_F(RecordQueryTest, ClipsMergeAcrossSmallGapsAndSplitOnChanges) {
+  add(closedFile(T, T + 600));
+  add(closedFile(T + 601, T + 1200));                  // gap 1: merges
+  add(closedFile(T + 1202, T + 1800));                 // gap 2: new clip
+  add(closedFile(T + 1700, T + 2400));                 // overlap: new clip
+  add(closedFile(T + 2400, T + 3000, 1, 1));           // locked: new clip
+  add(closedFile(T + 3000, T + 3600, 2, 1));           // type 2: new clip
+  add(closedFile(T + 3600, T + 4200, 2, 1, 0));        // index missing: still merges
+  std::vector<RecordClip> c = clips(T, T + kDay, kDay);
+  ASSERT_EQ(c.size(), 5u);
+  EXPECT_SPAN(c[0], T, T + 1200);
+  EXPECT_SPAN(c[1], T + 1202, T + 1800);
+  EXPECT_SPAN(c[2], T + 1700, T + 2400);
+  EXPECT_SPAN(c[3], T + 2400, T + 3000);
+  EXPECT_EQ(c[3].locked, 1);
+  EXPECT_SPAN(c[4], T + 3000, T + 4200);
+  EXPECT_EQ(c[4].type, 2);
+  EXPECT_EQ(c[4].missing, 0);
+
+  std::vector<RecordClip> none;
+  EXPECT_EQ(queryRecordClipList(m_fs, kSid, T, T + kDay, none, 0), -1);
+  EXPECT_EQ(queryAlignedClipList(m_fs, kSid, T, T + kDay, none, 0), -1);
+  EXPECT_TRUE(none.empty());
+}
+
+TEST_F(RecordQueryTest, PiecesShareSizeInProportionAndMeetTheRange) {
+  add(closedFile(T + 1200, T + 6000), 4800);  // 10:20 - 11:40
+  std::vector<RecordClip> c = clips(T, T + kDay, 3600, true);
+  ASSERT_EQ(c.size(), 2u);
+  EXPECT_SPAN(c[0], T + 1200, T + 3600);
+  EXPECT_SPAN(c[1], T + 3600, T + 6000);
+  EXPECT_EQ(c[0].size, 2400u);
+  EXPECT_EQ(c[1].size, 2400u);
+
+  c = clips(T, T + kDay, 1800, false);
+  ASSERT_EQ(c.size(), 3u);
+  EXPECT_SPAN(c[2], T + 4800, T + 6000);
+  EXPECT_EQ(c[0].size + c[1].size + c[2].size, 4800u);
+  EXPECT_EQ(c[2].size, 1200u);
+
+  c = clips(T + 1800, T + 4200, 3600, true);  // 10:30 - 11:10
+  ASSERT_EQ(c.size(), 2u);
+  EXPECT_SPAN(c[0], T + 1800, T + 3600);
+  EXPECT_EQ(c[0].size, 1800u);
+  EXPECT_SPAN(c[1], T + 3600, T + 4200);
+  EXPECT_EQ(c[1].size, 600u);
+}
+
+TEST_F(RecordQueryTest, FilesAreFilteredByRangeKindAndState) {
+  ASSERT_TRUE(m_fs.createBucket("forgotten_7"));
+  add(closedFile(T - 7100, T + 100));                                     // began < 2 h before: found
+  add(closedFile(T - 7300, T + 50));                                      // began > 2 h before: not listed
+  add(closedFile(T + 200, T + 300, 1, 0, RECORD_INDEX_TOO_SMALL));        // withdrawn
+  RecordFileName index = closedFile(T + 400, T + 500);
+  index.isIndex = 1;
+  add(index);
+  add(closedFile(T + 600, T + 700));
+  add(closedFile(T + 1000, T + 1100));                                    // begins at the range's end
+  add(closedFile(T - 3600, T - 10, 1, 0, 1, BUCKET_KIND_FORGOTTEN));      // ends before the range
+  add(closedFile(T + 900, T + 950, 1, 0, 1, BUCKET_KIND_FORGOTTEN));
+  std::vector<RecordClipEx> f = files(T, T + 1000);
+  ASSERT_EQ(f.size(), 3u);
+  EXPECT_SPAN(f[0], T + 900, T + 950);  // forgotten bucket first, though later
+  EXPECT_EQ(f[0].forgotten, 1);
+  EXPECT_EQ(std::string(f[0].fileName), nameOf(closedFile(T + 900, T + 950, 1, 0, 1, BUCKET_KIND_FORGOTTEN)));
+  EXPECT_SPAN(f[1], T - 7100, T + 100);
+  EXPECT_SPAN(f[2], T + 600, T + 700);
+  EXPECT_EQ(f[2].forgotten, 0);
+}
+
+TEST_F(RecordQueryTest, EmptyOrMissingBucketIsAnEmptySuccess) {
+  for (uint32_t sid : {kSid, 8u}) {  // media_7 exists empty; media_8 does not exist
+    SCOPED_TRACE(sid);
+    EXPECT_TRUE(clips(T, T + kDay, 600, false, sid).empty());
+    EXPECT_TRUE(clips(T, T + kDay, 600, true, sid).empty());
+    EXPECT_TRUE(files(T, T + kDay, sid).empty());
+    std::vector<bool> status;
+    EXPECT_EQ(queryRecordStatus(m_fs, sid, T, T + 3600, status, 600), 0);
+    EXPECT_EQ(status, std::vector<bool>(6, false));
+  }
+  std::vector<RecordFileName> all;
+  EXPECT_FALSE(listRecordFiles(m_fs, 8, 100, all));
+}
+
+TEST_F(RecordQueryTest, StatusBitmapMarksIntervalByBeginPlusOne) {
+  add(closedFile(T, T + 10));
+  add(closedFile(T + 1800, T + 1810));
+  std::vector<bool> status;
+  ASSERT_EQ(queryRecordStatus(m_fs, kSid, T, T + 3600, status, 600), 0);
+  EXPECT_EQ(status, (std::vector<bool>{true, false, false, true, false, false}));
+
+  // A clip beginning one second before a boundary marks the next interval;
+  // one beginning in the range's last second would mark a bit past the end.
+  ASSERT_TRUE(m_fs.createBucket("media_9"));
+  RecordFileName late = closedFile(T + 599, T + 605);
+  late.streamId = 9;
+  add(late);
+  late.beginTime = T + 3599;
+  late.endTime = late.realEndTime = T + 3605;
+  add(late);
+  ASSERT_EQ(queryRecordStatus(m_fs, 9, T, T + 3600, status, 600), 0);
+  EXPECT_EQ(status, (std::vector<bool>{false, true, false, false, false, false}));
+  EXPECT_EQ(queryRecordStatus(m_fs, 9, T, T + 3600, status, 0), -1);
+}
+
+TEST_F(RecordQueryTest, LiveFileEndsAtTheWriterOrTheEstimate) {
+  add(closedFile(T, T + 3600));
+  const RecordFileName live = openFile(T + 3600);
+  std::unique_ptr<CFile> handle = add(live, 100, true);
+  ASSERT_TRUE(handle);
+
+  auto index = std::make_shared<CRecordFileIndex>();
+  index->updateEndTime(T + 4100);
+  CMediaContext::instance().writingFiles().set(kSid, {nameOf(live), T + 3600, index});
+  setNow(T + 4120);
+  std::vector<RecordClipEx> f = files(T, T + kDay);
+  ASSERT_EQ(f.size(), 2u);
+  EXPECT_SPAN(f[1], T + 3600, T + 4100);
+  EXPECT_EQ(f[1].size, 100u);
+  std::vector<RecordClip> c = clips(T, T + kDay, kDay);
+  ASSERT_EQ(c.size(), 1u);
+  EXPECT_SPAN(c[0], T, T + 4100);
+
+  // Without a writer: now, but never more than an hour after the begin.
+  CMediaContext::instance().writingFiles().erase(kSid);
+  setNow(T + 3800);
+  f = files(T, T + kDay);
+  ASSERT_EQ(f.size(), 2u);
+  EXPECT_EQ(f[1].endTime, T + 3800);
+  setNow(T + 5 * 3600);
+  f = files(T, T + kDay);
+  ASSERT_EQ(f.size(), 2u);
+  EXPECT_EQ(f[1].endTime, T + 7200);
+  EXPECT_TRUE(exists(live));  // a live file is never renamed
+}
+
+TEST_F(RecordQueryTest, AbandonedFileIsRenamedOnlyThirtySecondsAfterItsEnd) {
+  const RecordFileName stale = openFile(T);
+  add(stale);
+  add(closedFile(T + 1800, T + 2400));
+  const RecordFileName renamed = closedFile(T, T + 1800, 1, 0, RECORD_INDEX_MISSING);
+
+  setNow(T + 1829);
+  {
+    ZarnTest::LogCapture log(Velto::Kandu::LOG_WARN);
+    std::vector<RecordClipEx> f = files(T, T + kDay);
+    ASSERT_EQ(f.size(), 2u);
+    EXPECT_SPAN(f[0], T, T + 1800);  // bounded by the next file's begin
+    EXPECT_TRUE(log.contains("not enough time for write(sdk) to update fileName"));
+  }
+  EXPECT_TRUE(exists(stale));
+  EXPECT_FALSE(exists(renamed));
+
+  setNow(T + 1830);
+  std::vector<RecordClipEx> f = files(T, T + kDay);
+  ASSERT_EQ(f.size(), 2u);
+  EXPECT_EQ(std::string(f[0].fileName), nameOf(renamed));
+  EXPECT_FALSE(exists(stale));
+  EXPECT_TRUE(exists(renamed));
+}
+
+TEST_F(RecordQueryTest, OpenFileBeforeAnotherIsNotRenamedWhileWritten) {
+  const RecordFileName writing = openFile(T);
+  std::unique_ptr<CFile> handle = add(writing, 0, true);
+  add(closedFile(T + 1800, T + 2400));
+  ZarnTest::LogCapture log(Velto::Kandu::LOG_WARN);
+  std::vector<RecordClipEx> f = files(T, T + kDay);
+  ASSERT_EQ(f.size(), 2u);
+  EXPECT_SPAN(f[0], T, T + 1800);
+  EXPECT_TRUE(log.contains("Not last file & writing ..."));
+  EXPECT_TRUE(exists(writing));
+}
+
+TEST_F(RecordQueryTest, LastFileWithoutEndAndNotWrittenIsLeftOut) {
+  add(closedFile(T, T + 600));
+  const RecordFileName orphan = openFile(T + 600);
+  add(orphan);
+  std::vector<RecordClipEx> f = files(T, T + kDay);
+  ASSERT_EQ(f.size(), 1u);
+  EXPECT_SPAN(f[0], T, T + 600);
+  std::vector<RecordClip> c = clips(T, T + kDay, kDay);
+  ASSERT_EQ(c.size(), 1u);
+  EXPECT_SPAN(c[0], T, T + 600);
+  std::vector<bool> status;
+  ASSERT_EQ(queryRecordStatus(m_fs, kSid, T + 600, T + 1800, status, 600), 0);
+  EXPECT_EQ(status, std::vector<bool>(2, false));
+  EXPECT_TRUE(exists(orphan));
+}
+
+TEST_F(RecordQueryTest, PagesAreWalkedAcrossTheirBoundaries) {
+  // Files of 10 s, back to back, a few more than a page. The file at position
+  // 1999 (the last of the first page) has no end: its successor is found on
+  // the next page.
+  constexpr uint32_t kFiles = 2010;
+  for (uint32_t i = 0; i < kFiles; ++i) {
+    add(i == 1999 ? openFile(T + 10 * i) : closedFile(T + 10 * i, T + 10 * i + 10));
+  }
+  std::vector<RecordClipEx> f = files(T, T + 10 * kFiles);
+  ASSERT_EQ(f.size(), kFiles);
+  for (uint32_t i = 0; i < kFiles; ++i) ASSERT_EQ(f[i].beginTime, T + 10 * i);
+  EXPECT_EQ(f[1999].endTime, T + 20000);
+  std::vector<RecordClip> c = clips(T, T + 10 * kFiles, kDay);
+  ASSERT_EQ(c.size(), 1u);
+  EXPECT_SPAN(c[0], T, T + 10 * kFiles);
+
+  std::vector<RecordFileName> all;
+  ASSERT_TRUE(listRecordFiles(m_fs, kSid, 1000, all));
+  EXPECT_EQ(all.size(), 1000u);
+  all.clear();
+  ASSERT_TRUE(listRecordFiles(m_fs, kSid, 100000, all));
+  ASSERT_EQ(all.size(), kFiles);
+  EXPECT_EQ(all.back().beginTime, T + 10 * (kFiles - 1));
+}
+
+TEST_F(RecordQueryTest, ReaderLookupsFindFilesAroundATime) {
+  add(closedFile(T, T + 600));
+  add(closedFile(T + 600, T + 1200));
+  add(closedFile(T + 1200, T + 1800));
+  RecordFileName found;
+  ASSERT_TRUE(findFirstFileEndingAfter(m_fs, kSid, T, T + kDay, T + 600, found));
+  EXPECT_EQ(found.beginTime, T + 600);
+  ASSERT_TRUE(findLastFileBeginningBefore(m_fs, kSid, T, T + kDay, T + 1300, found));
+  EXPECT_EQ(found.beginTime, T + 600);
+  ASSERT_TRUE(findLastFileBeginningBefore(m_fs, kSid, T, T + kDay, T + 1800, found));
+  EXPECT_EQ(found.beginTime, T + 1200);
+
+  // No match (or no bucket): success, and the output is left alone.
+  const RecordFileName sentinel = closedFile(T + 5, T + 6);
+  for (uint32_t sid : {kSid, 8u}) {
+    found = sentinel;
+    ASSERT_TRUE(findFirstFileEndingAfter(m_fs, sid, T, T + kDay, T + 1800, found));
+    ASSERT_TRUE(findLastFileBeginningBefore(m_fs, sid, T + 700, T + kDay, T + 1000, found));
+    EXPECT_EQ(found.beginTime, sentinel.beginTime);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,371 @@
+// The stream writer on a local store behind a fault-injecting backend. A
+// configuration file in the working directory sets small limits:
+// max_file_length 200000 bytes, max_file_duration 1800 s, min_cut_file_time 30 s.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "FaultInjectingBackend.h"
+#include "KanduThread.h"
+#include "KanduTime.h"
+#include "LocalStoreBackend.h"
+#include "MediaClientInternal.h"
+#include "MediaContext.h"
+#include "RecordFile.h"
+#include "RecordFileName.h"
+#include "StreamMgr.h"
+#include "StreamWriter.h"
+#include "TestSupport.h"
+#include "VeltoFrame.h"
+
+using namespace Velto::Zarn;
+
+namespace {
+
+class WriterConfigEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    m_dir = std::make_unique<ZarnTest::TempDir>();
+    std::ofstream(m_dir->sub("MediaConfig.cfg"))
+        << R"({"enable_cfg": 1, "max_file_length": 200000, "max_file_duration": 1800, "min_cut_file_time": 30})";
+    ASSERT_EQ(chdir(m_dir->path().c_str()), 0);
+  }
+  void TearDown() override {
+    if (chdir("/") != 0) std::abort();
+    m_dir.reset();
+  }
+
+ private:
+  std::unique_ptr<ZarnTest::TempDir> m_dir;
+};
+
+[[maybe_unused]] ::testing::Environment* const g_env =
+    ::testing::AddGlobalTestEnvironment(new WriterConfigEnvironment());
+
+const uint32_t T = static_cast<uint32_t>(Velto::Kandu::CTime::makeTime(2026, 3, 31, 23, 50, 0));
+
+struct Recorded {
+  uint8_t type;
+  uint32_t sequence;
+};
+
+class StreamWriterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_root = m_dir.sub("store");
+    m_backend = std::make_shared<CFaultInjectingBackend>(makeLocalStoreBackend(m_root));
+    m_fs = std::make_shared<CZarnFileSystem>();
+    Config config{m_root.c_str(), 0, "root", ""};
+    ASSERT_TRUE(m_fs->initializeWithBackend(config, m_backend));
+    CMediaContext::values().sdkState.store(ZARN_STATE_NORMAL);
+  }
+  void TearDown() override { CMediaContext::values().sdkState.store(0); }
+
+  int32_t write(CStreamWriter& w, uint8_t type, uint32_t seq, uint32_t time, uint32_t payload = 40,
+                uint16_t ms = 0, unsigned long long* taken = nullptr) {
+    std::vector<uint8_t> bytes = ZarnTest::makeFrame(type, 0, seq, time, payload, ms);
+    VeltoFrame frame;
+    frame.attach(bytes.data());
+    unsigned long long written = 0;
+    int32_t r = w.writeFrame(&frame, 0, written);
+    if (taken) *taken = written;
+    return r;
+  }
+
+  // Closes the writer as the registry does and waits until it is gone.
+  void closeAndWait(std::shared_ptr<CStreamWriter>& writer) {
+    std::weak_ptr<CStreamWriter> weak = writer;
+    writer->closeStream(writer);
+    writer.reset();
+    ASSERT_TRUE(ZarnTest::waitFor([&] { return weak.expired(); }, 10000));
+  }
+
+  std::vector<RecordFileName> files(uint32_t sid) {
+    std::vector<RecordFileName> out;
+    CBucket bucket = m_fs->getBucket(bucketName(sid, BUCKET_KIND_MEDIA));
+    if (!bucket.isValid()) return out;
+    CFileList list;
+    EXPECT_TRUE(bucket.list(list, "", "", 1000));
+    for (const StoreEntry& e : list) {
+      RecordFileName n;
+      EXPECT_TRUE(parseRecordFileName(bucketName(sid, BUCKET_KIND_MEDIA) + "/" + e.name, n)) << e.name;
+      n.size = e.size;
+      out.push_back(n);
+    }
+    return out;
+  }
+
+  // The frames in a closed file's data region, padding frames left out.
+  std::vector<Recorded> framesIn(const RecordFileName& name) {
+    std::vector<Recorded> out;
+    CRecordFile file(*m_fs, name);
+    EXPECT_TRUE(file.openForRead());
+    EXPECT_EQ(file.state(), CRecordFile::STATE_INDEXED);
+    std::vector<uint8_t> data(file.length());
+    EXPECT_TRUE(data.empty() || file.read(data.data(), static_cast<uint32_t>(data.size())) > 0);
+    for (size_t pos = 0; pos + kFrameHeadSize <= data.size();) {
+      const VeltoFrameHead* h = reinterpret_cast<const VeltoFrameHead*>(&data[pos]);
+      EXPECT_TRUE(checkFrameHead(&data[pos]));
+      if (h->length == 0) break;
+      if (h->type != FRAME_TYPE_FAKE) out.push_back({h->type, h->sequence});
+      pos += h->length;
+    }
+    return out;
+  }
+
+  ZarnTest::TempDir m_dir;
+  std::string m_root;
+  std::shared_ptr<CFaultInjectingBackend> m_backend;
+  std::shared_ptr<CZarnFileSystem> m_fs;
+};
+
+constexpr uint8_t I = FRAME_TYPE_I, P = FRAME_TYPE_P;
+
+std::string generateName(const RecordFileName& n) {
+  std::string s;
+  EXPECT_TRUE(generateRecordFileName(n, s));
+  return s;
+}
+
+TEST_F(StreamWriterTest, FramesBeforeTheFirstKeyFrameAndAfterASequenceGapAreDropped) {
+  auto w = std::make_shared<CStreamWriter>(m_fs, 1, 3, true);
+  EXPECT_EQ(write(*w, P, 0, T), 0);
+  EXPECT_EQ(write(*w, P, 1, T), 0);
+  EXPECT_TRUE(files(1).empty());  // nothing created before a key frame
+  EXPECT_EQ(write(*w, I, 2, T), 0);
+  EXPECT_EQ(write(*w, P, 3, T + 1), 0);
+  EXPECT_EQ(write(*w, P, 5, T + 1), 0);  // gap: dropped
+  EXPECT_EQ(write(*w, P, 6, T + 2), 0);  // still dropped until the next key frame
+  EXPECT_EQ(write(*w, I, 7, T + 2), 0);
+  EXPECT_EQ(write(*w, P, 8, T + 3), 0);
+  closeAndWait(w);
+  std::vector<RecordFileName> f = files(1);
+  ASSERT_EQ(f.size(), 1u);
+  EXPECT_EQ(f[0].beginTime, T);
+  EXPECT_EQ(f[0].endTime, T + 3);
+  EXPECT_EQ(f[0].type, 3);
+  EXPECT_EQ(f[0].indexState, static_cast<uint32_t>(RECORD_INDEX_INTERNAL));
+  std::vector<Recorded> frames = framesIn(f[0]);
+  std::vector<uint32_t> seqs;
+  for (auto& r : frames) seqs.push_back(r.sequence);
+  EXPECT_EQ(seqs, (std::vector<uint32_t>{2, 3, 7, 8}));
+}
+
+TEST_F(StreamWriterTest, CutsAtTheMaximumDurationOnlyAtAKeyFrame) {
+  auto w = std::make_shared<CStreamWriter>(m_fs, 2, 1, true);
+  uint32_t seq = 0;
+  // One frame a second, a key frame every 7 s, for 1900 s.
+  for (uint32_t t = 0; t <= 1900; ++t) ASSERT_EQ(write(*w, t % 7 == 0 ? I : P, seq++, T + t, 16), 0);
+  closeAndWait(w);
+  std::vector<RecordFileName> f = files(2);
+  ASSERT_EQ(f.size(), 2u);
+  // 1800 s reached at t=1800, but the next key frame is at t=1806.
+  EXPECT_EQ(f[0].beginTime, T);
+  EXPECT_EQ(f[0].endTime, T + 1805);
+  EXPECT_EQ(f[1].beginTime, T + 1806);
+  EXPECT_EQ(f[1].endTime, T + 1900);
+  EXPECT_EQ(framesIn(f[0]).size(), 1806u);
+}
+
+TEST_F(StreamWriterTest, CutsAtTheMaximumLengthButNotBeforeTheMinimumCutTime) {
+  auto w = std::make_shared<CStreamWriter>(m_fs, 3, 1, true);
+  // 60 KB key frames every second: the 200000-byte limit is passed after four
+  // frames, but a file is not cut before it is 30 s old.
+  for (uint32_t t = 0; t < 40; ++t) ASSERT_EQ(write(*w, I, t, T + t, 60000), 0);
+  closeAndWait(w);
+  std::vector<RecordFileName> f = files(3);
+  ASSERT_EQ(f.size(), 2u);
+  EXPECT_EQ(f[0].beginTime, T);
+  EXPECT_EQ(f[0].endTime, T + 29);
+  EXPECT_EQ(framesIn(f[0]).size(), 30u);
+  EXPECT_EQ(f[1].beginTime, T + 30);
+  EXPECT_EQ(f[1].endTime, T + 39);
+}
+
+TEST_F(StreamWriterTest, ATimeHopOf601SecondsCutsAtTheNextKeyFrameAnd600DoesNot) {
+  auto w = std::make_shared<CStreamWriter>(m_fs, 4, 1, true);
+  uint32_t seq = 0;
+  ASSERT_EQ(write(*w, I, seq++, T, 16, 0), 0);
+  ASSERT_EQ(write(*w, P, seq++, T + 40, 16, 40000), 0);
+  ASSERT_EQ(write(*w, I, seq++, T + 640, 16, 40000), 0);  // exactly 600 s later: no hop, no cut
+  EXPECT_EQ(files(4).size(), 1u);
+  ZarnTest::LogCapture log;
+  // 601 s later on a P frame: a hop, recorded under the millisecond counter's time.
+  ASSERT_EQ(write(*w, P, seq++, T + 1241, 16, 42000), 0);
+  EXPECT_TRUE(log.contains("there exist time-hooping"));
+  ASSERT_EQ(write(*w, P, seq++, T + 1242, 16, 43500), 0);
+  // Still hopping: the next key frame more than 600 s from the file's last
+  // time (T+643) ends the hop with a cut.
+  ASSERT_EQ(write(*w, I, seq++, T + 1250, 16, 44000), 0);
+  ASSERT_EQ(write(*w, P, seq++, T + 1251, 16, 45000), 0);
+  closeAndWait(w);
+  std::vector<RecordFileName> f = files(4);
+  ASSERT_EQ(f.size(), 2u);
+  EXPECT_EQ(f[0].beginTime, T);
+  EXPECT_EQ(f[0].endTime, T + 640 + 3);  // +2 s and +1 s from the millisecond counter
+  EXPECT_EQ(f[1].beginTime, T + 1250);
+  EXPECT_EQ(f[1].endTime, T + 1251);
+}
+
+TEST_F(StreamWriterTest, AForcedCutHappensAtTheNextKeyFrame) {
+  auto w = std::make_shared<CStreamWriter>(m_fs, 5, 1, true);
+  uint32_t seq = 0;
+  ASSERT_EQ(write(*w, I, seq++, T), 0);
+  ASSERT_EQ(write(*w, P, seq++, T + 1), 0);
+  EXPECT_TRUE(w->forceCutFile(T - 10));  // before the file: nothing to cut
+  std::atomic<int> result{-1};
+  std::thread requester([&] { result = w->forceCutFile(T + 1) ? 1 : 0; });
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return w->isForceCutPendingForTest(); }));
+  EXPECT_FALSE(w->forceCutFile(T + 1));  // one request at a time
+  ASSERT_EQ(write(*w, P, seq++, T + 2), 0);
+  EXPECT_EQ(result.load(), -1);  // no key frame yet
+  ASSERT_EQ(write(*w, I, seq++, T + 3), 0);
+  requester.join();
+  EXPECT_EQ(result.load(), 1);
+  ASSERT_EQ(write(*w, P, seq++, T + 4), 0);
+  closeAndWait(w);
+  std::vector<RecordFileName> f = files(5);
+  ASSERT_EQ(f.size(), 2u);
+  EXPECT_EQ(f[0].endTime, T + 2);
+  EXPECT_EQ(f[1].beginTime, T + 3);
+
+  CMediaContext::values().sdkState.store(ZARN_STATE_FAILED);
+  auto other = std::make_shared<CStreamWriter>(m_fs, 6, 1, true);
+  ASSERT_EQ(write(*other, I, 0, T), 0);
+  EXPECT_FALSE(other->forceCutFile(T + 5));  // not while the store is failing
+  closeAndWait(other);
+}
+
+TEST_F(StreamWriterTest, FlushPadsToTheStripeWithAPaddingFrame) {
+  auto w = std::make_shared<CStreamWriter>(m_fs, 7, 1, true);
+  ASSERT_EQ(write(*w, I, 0, T, 100), 0);
+  ASSERT_EQ(w->flushFrame(), 0);
+  ASSERT_EQ(write(*w, P, 1, T + 1, 100), 0);
+  closeAndWait(w);
+  std::vector<RecordFileName> f = files(7);
+  ASSERT_EQ(f.size(), 1u);
+  CRecordFile file(*m_fs, f[0]);
+  ASSERT_TRUE(file.openForRead());
+  const uint32_t stripe = CMediaContext::values().ecStripeSize.load();
+  EXPECT_EQ(file.length(), stripe + 132u);  // one frame, padding to the stripe, one frame
+  std::vector<Recorded> frames = framesIn(f[0]);
+  ASSERT_EQ(frames.size(), 2u);
+}
+
+TEST_F(StreamWriterTest, AnAsyncCacheHoldsAtMostAHundredFrames) {
+  // The first file creation stalls, so the worker cannot drain the cache.
+  FaultRule stall;
+  stall.op = StoreOp::CreateFile;
+  stall.stallMs = 1500;
+  stall.failAfterStall = false;
+  stall.times = 1;
+  m_backend->addRule(stall);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 8, 1, false);
+  int accepted = 0;
+  unsigned long long taken = 1;
+  int32_t r = 0;
+  for (uint32_t seq = 0; seq < 200 && r == 0; ++seq) {
+    r = write(*w, seq == 0 ? I : P, seq, T + seq / 25, 40, 0, &taken);
+    if (r == 0) ++accepted;
+  }
+  EXPECT_EQ(r, -2);
+  EXPECT_EQ(taken, 0u);
+  // At most one pass (25 frames) left the cache before the store stalled.
+  EXPECT_GE(accepted, 100);
+  EXPECT_LE(accepted, 125);
+  closeAndWait(w);
+  std::vector<RecordFileName> f = files(8);
+  ASSERT_EQ(f.size(), 1u);
+  EXPECT_EQ(framesIn(f[0]).size(), static_cast<size_t>(accepted));  // close flushed every cached frame
+}
+
+TEST_F(StreamWriterTest, AStoreThatTakesNothingDoesNotHoldAWorker) {
+  auto w = std::make_shared<CStreamWriter>(m_fs, 9, 1, false);
+  ASSERT_EQ(write(*w, I, 0, T), 0);
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return files(9).size() == 1 && w->isIdleForTest(); }));
+  FaultRule zero;
+  zero.op = StoreOp::FileWrite;
+  zero.zeroBytes = true;
+  m_backend->addRule(zero);
+  for (uint32_t seq = 1; seq < 10; ++seq) ASSERT_EQ(write(*w, P, seq, T), 0);
+  // The worker gives its pass up and goes idle while the store takes nothing.
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return w->isIdleForTest() && m_backend->callCount(StoreOp::FileWrite) > 3; }));
+  EXPECT_FALSE(w->isFileFault());
+  m_backend->clearRules();
+  ASSERT_EQ(write(*w, P, 10, T + 1), 0);  // the next frame resubmits the writer
+  closeAndWait(w);
+  std::vector<RecordFileName> f = files(9);
+  ASSERT_EQ(f.size(), 1u);
+  EXPECT_EQ(framesIn(f[0]).size(), 11u);
+}
+
+TEST_F(StreamWriterTest, AWriteErrorIsAOneWayFileFault) {
+  auto w = std::make_shared<CStreamWriter>(m_fs, 10, 1, true);
+  ASSERT_EQ(write(*w, I, 0, T), 0);
+  FaultRule fail;
+  fail.op = StoreOp::FileWrite;
+  fail.times = 1;
+  m_backend->addRule(fail);
+  EXPECT_EQ(write(*w, P, 1, T), -3);
+  EXPECT_TRUE(w->isFileFault());
+  EXPECT_EQ(write(*w, I, 2, T + 1), -3);  // stays faulted after the store recovers
+  EXPECT_EQ(w->flushFrame(), -3);
+  closeAndWait(w);
+}
+
+TEST_F(StreamWriterTest, TheFacadeRegistersWritesAndDeletesStreams) {
+  CMediaClientInternal client;
+  Config config{m_root.c_str(), 0, "root", ""};
+  ASSERT_EQ(client.initialize(config, nullptr), 0);
+  ZarnTest::LogCapture log;
+  EXPECT_EQ(client.addStream(11, 2, true), -1);  // no policy and no configured default
+  EXPECT_TRUE(log.contains("addStream(11) failed because of no cover policy!"));
+  EXPECT_FALSE(CMediaContext::instance().streams().hasStreamWriter(11));
+  ASSERT_EQ(client.setRecyclePolicy(11, 24, 0), 0);
+  ASSERT_EQ(client.addStream(11, 2, true), 0);
+  EXPECT_EQ(client.addStream(11, 2, true), -1);
+  EXPECT_TRUE(log.contains("stream(11) has existed!"));
+
+  std::vector<uint8_t> bytes = ZarnTest::makeFrame(I, 0, 0, T, 40);
+  VeltoFrame frame;
+  frame.attach(bytes.data());
+  unsigned long long position = 0;
+  EXPECT_EQ(client.writeFrame(11, &frame, 0, position), 0);
+  EXPECT_EQ(position, bytes.size());
+  EXPECT_EQ(client.flushFrame(11), 0);
+  for (uint32_t seq = 1; seq <= 5; ++seq) {
+    bytes = ZarnTest::makeFrame(P, 0, seq, T + seq, 40);
+    frame.attach(bytes.data());
+    ASSERT_EQ(client.writeFrame(11, &frame, 0, position), 0);
+  }
+  // The file still being written is reported up to the writer's last frame.
+  std::vector<RecordClip> clips;
+  ASSERT_EQ(client.queryRecordClipList(11, T - 60, T + 60, clips, 3600), 0);
+  ASSERT_EQ(clips.size(), 1u);
+  EXPECT_EQ(clips[0].beginTime, T);
+  EXPECT_EQ(clips[0].endTime, T + 5);
+  EXPECT_EQ(clips[0].type, 2);
+  std::weak_ptr<CStreamWriter> weak = CMediaContext::instance().streams().getStreamWriter(11);
+  EXPECT_EQ(client.deleteStream(11), 0);
+  EXPECT_EQ(client.deleteStream(11), -1);
+  EXPECT_EQ(client.writeFrame(11, &frame, 0, position), -4);
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return weak.expired(); }, 10000));
+  std::vector<RecordFileName> f = files(11);
+  ASSERT_EQ(f.size(), 1u);
+  EXPECT_EQ(f[0].type, 2);
+  EXPECT_EQ(f[0].indexState, static_cast<uint32_t>(RECORD_INDEX_INTERNAL));
+  std::vector<RecordClipEx> list;
+  ASSERT_EQ(client.queryRecordFileList(11, T - 60, T + 60, list), 0);
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0].endTime, T + 5);
+  EXPECT_EQ(list[0].missing, 0);
+  EXPECT_EQ(std::string(list[0].fileName), generateName(f[0]));
+  std::vector<bool> status;
+  EXPECT_EQ(client.queryRecordStatus(11, T + 60, T, status, 60), -1);  // a range that ends before it begins
+  ASSERT_EQ(client.queryRecordStatus(11, T - 60, T + 60, status, 60), 0);
+  EXPECT_EQ(status, (std::vector<bool>{false, true}));
+}
+
+}  // namespace
