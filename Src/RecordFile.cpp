@@ -37,48 +37,46 @@ bool RecordInfo::isValid() const {
   return std::memcmp(magic, kInfoMagic, sizeof(kInfoMagic)) == 0 && crc == Velto::Kandu::crc32(this, kCrcSpan);
 }
 
-bool blockWrite(CFile& file, const void* buffer, uint32_t length, uint32_t limitMs) {
-  const uint8_t* p = static_cast<const uint8_t*>(buffer);
-  uint32_t written = 0;
-  uint32_t waited = 0;
-  while (written < length) {
-    int64_t n = file.write(p + written, length - written);
+namespace {
+
+// The one loop behind blockWrite and blockRead; `move` is one store call.
+template <typename Move>
+bool blockTransfer(uint32_t length, uint32_t limitMs, bool writing, Move move) {
+  uint32_t done = 0;
+  uint32_t waited = 0;  // only the sleeps count, not the time inside store calls
+  while (done < length) {
+    int64_t n = move(done);
     if (n < 0) return false;
-    if (n == 0) {
-      waited += kZeroWaitMs;
-      if (limitMs != 0 && waited >= limitMs) {
-        KLOG_ERROR("#%d,GENERAL::%s %d, block write timeout, return false. writed: %u. timeout: %u.\n", 0,
-                   __FUNCTION__, __LINE__, written, limitMs);
-        return false;
-      }
-      Velto::Kandu::sleepMs(kZeroWaitMs);
+    if (n > 0) {
+      done += static_cast<uint32_t>(n);
       continue;
     }
-    written += static_cast<uint32_t>(n);
+    waited += kZeroWaitMs;
+    if (limitMs != 0 && waited >= limitMs) {
+      if (writing) {
+        KLOG_ERROR("#%d,GENERAL::%s %d, block write timeout, return false. writed: %u. timeout: %u.\n", 0,
+                   "blockWrite", __LINE__, done, limitMs);
+      } else {
+        KLOG_ERROR("#%d,GENERAL::%s %d, block read timeout, return false. readed: %u. timeout: %u.\n", 0,
+                   "blockRead", __LINE__, done, limitMs);
+      }
+      return false;
+    }
+    Velto::Kandu::sleepMs(kZeroWaitMs);
   }
   return true;
 }
 
+}  // namespace
+
+bool blockWrite(CFile& file, const void* buffer, uint32_t length, uint32_t limitMs) {
+  const uint8_t* p = static_cast<const uint8_t*>(buffer);
+  return blockTransfer(length, limitMs, true, [&](uint32_t done) { return file.write(p + done, length - done); });
+}
+
 bool blockRead(CFile& file, void* buffer, uint32_t length, uint32_t limitMs) {
   uint8_t* p = static_cast<uint8_t*>(buffer);
-  uint32_t done = 0;
-  uint32_t waited = 0;
-  while (done < length) {
-    int64_t n = file.read(p + done, length - done);
-    if (n < 0) return false;
-    if (n == 0) {
-      waited += kZeroWaitMs;
-      if (limitMs != 0 && waited >= limitMs) {
-        KLOG_ERROR("#%d,GENERAL::%s %d, block read timeout, return false. readed: %u. timeout: %u.\n", 0,
-                   __FUNCTION__, __LINE__, done, limitMs);
-        return false;
-      }
-      Velto::Kandu::sleepMs(kZeroWaitMs);
-      continue;
-    }
-    done += static_cast<uint32_t>(n);
-  }
-  return true;
+  return blockTransfer(length, limitMs, false, [&](uint32_t done) { return file.read(p + done, length - done); });
 }
 
 CRecordFile::CRecordFile(CZarnFileSystem& fs, const RecordFileName& name) : m_fs(fs), m_name(name) {}

@@ -222,6 +222,11 @@ bool CStreamWriter::createFile(uint32_t startTime, bool asNext) {
     m_nextFile = std::move(file);
     return true;
   }
+  becomeCurrent(std::move(file));
+  return true;
+}
+
+void CStreamWriter::becomeCurrent(std::unique_ptr<CRecordFile> file) {
   m_curFile = std::move(file);
   m_hasCurFile.store(true);
   {
@@ -229,8 +234,7 @@ bool CStreamWriter::createFile(uint32_t startTime, bool asNext) {
     m_fileState = 1;
   }
   CMediaContext::instance().writingFiles().set(
-      m_sid, CWritingFileTable::Entry{m_curFile->fullName(), startTime, m_curFile->recordIndex()});
-  return true;
+      m_sid, CWritingFileTable::Entry{m_curFile->fullName(), m_curFileStartTime, m_curFile->recordIndex()});
 }
 
 void CStreamWriter::closeCurrentFile() {
@@ -251,14 +255,7 @@ bool CStreamWriter::switchToNextFile() {
     WLOG(Velto::Kandu::LOG_ERROR, "switchToNextFile failed.\n");
     return false;
   }
-  m_curFile = std::move(m_nextFile);
-  m_hasCurFile.store(true);
-  {
-    CAutoLock lock(m_fileStateMutex);
-    m_fileState = 1;
-  }
-  CMediaContext::instance().writingFiles().set(
-      m_sid, CWritingFileTable::Entry{m_curFile->fullName(), m_curFileStartTime, m_curFile->recordIndex()});
+  becomeCurrent(std::move(m_nextFile));
   WLOG(Velto::Kandu::LOG_INFO, "switchToNextFile OK.\n");
   return true;
 }

@@ -89,6 +89,8 @@ class CStreamWriter : public CWorkItem {
   bool couldCutFile(const VeltoFrameHead& head, uint32_t frameTime);
   void cutFile(uint32_t frameTime);
   bool createFile(uint32_t startTime, bool asNext);
+  // Makes `file` the current file: file state 1, entered in the table of files being written.
+  void becomeCurrent(std::unique_ptr<CRecordFile> file);
   void closeCurrentFile();
   bool switchToNextFile();
   bool checkFrame(const VeltoFrameHead& head, const uint8_t* frameBytes);

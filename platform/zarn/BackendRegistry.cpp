@@ -52,14 +52,14 @@ bool parseByteCount(const std::string& text, uint64_t& out) {
   return true;
 }
 
-int makeLocal(const std::string& spec, std::shared_ptr<IStoreBackend>& out, std::string* reason) {
-  std::string root = spec;
+int makeLocal(const std::string& location, std::shared_ptr<IStoreBackend>& out, std::string* reason) {
+  std::string root = location;
   uint64_t cap = 0;
-  size_t q = spec.rfind(kCapacitySuffix);
+  size_t q = location.rfind(kCapacitySuffix);
   if (q != std::string::npos) {
-    root = spec.substr(0, q);
-    if (!parseByteCount(spec.substr(q + std::char_traits<char>::length(kCapacitySuffix)), cap)) {
-      if (reason) *reason = "bad capacity in store address '" + spec + "' (expected ?capacity=<bytes>[K|M|G])";
+    root = location.substr(0, q);
+    if (!parseByteCount(location.substr(q + std::char_traits<char>::length(kCapacitySuffix)), cap)) {
+      if (reason) *reason = "bad capacity in store address '" + location + "' (expected ?capacity=<bytes>[K|M|G])";
       return ZARN_E_INVALID_ARGUMENT;
     }
   }

@@ -2,10 +2,6 @@
 // file must be in the working directory when the process context is created,
 // so this binary moves into a temporary directory before any test runs.
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <fstream>
-
 #include "MediaClientInternal.h"
 #include "MediaConfig.h"
 #include "MediaContext.h"
@@ -15,30 +11,13 @@ using namespace Velto::Zarn;
 
 namespace {
 
-class ConfigDirEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    m_dir = std::make_unique<ZarnTest::TempDir>();
-    std::ofstream(m_dir->sub("MediaConfig.cfg")) << R"({
-      // the client's setters must lose to these
-      "enable_cfg": 1,
-      "max_lock_rate": 80,
-      "cyclic_cover_threshold_rate": 7.5,
-      "zarn_log_level": 1
-    })";
-    ASSERT_EQ(chdir(m_dir->path().c_str()), 0);
-  }
-  void TearDown() override {
-    if (chdir("/") != 0) std::abort();
-    m_dir.reset();
-  }
-
- private:
-  std::unique_ptr<ZarnTest::TempDir> m_dir;
-};
-
-[[maybe_unused]] ::testing::Environment* const g_env =
-    ::testing::AddGlobalTestEnvironment(new ConfigDirEnvironment());
+[[maybe_unused]] const bool g_config = ZarnTest::useConfigFileForProcess(R"({
+  // the client's setters must lose to these
+  "enable_cfg": 1,
+  "max_lock_rate": 80,
+  "cyclic_cover_threshold_rate": 7.5,
+  "zarn_log_level": 1
+})");
 
 TEST(MediaClientWithConfig, ConfiguredLockRateBeatsTheSetter) {
   CMediaClientInternal client;

@@ -2,9 +2,7 @@
 // configuration file in the working directory sets small limits:
 // max_file_length 200000 bytes, max_file_duration 1800 s, min_cut_file_time 30 s.
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <fstream>
+#include <cstring>
 #include <thread>
 
 #include "FaultInjectingBackend.h"
@@ -24,25 +22,8 @@ using namespace Velto::Zarn;
 
 namespace {
 
-class WriterConfigEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    m_dir = std::make_unique<ZarnTest::TempDir>();
-    std::ofstream(m_dir->sub("MediaConfig.cfg"))
-        << R"({"enable_cfg": 1, "max_file_length": 200000, "max_file_duration": 1800, "min_cut_file_time": 30})";
-    ASSERT_EQ(chdir(m_dir->path().c_str()), 0);
-  }
-  void TearDown() override {
-    if (chdir("/") != 0) std::abort();
-    m_dir.reset();
-  }
-
- private:
-  std::unique_ptr<ZarnTest::TempDir> m_dir;
-};
-
-[[maybe_unused]] ::testing::Environment* const g_env =
-    ::testing::AddGlobalTestEnvironment(new WriterConfigEnvironment());
+[[maybe_unused]] const bool g_config = ZarnTest::useConfigFileForProcess(
+    R"({"enable_cfg": 1, "max_file_length": 200000, "max_file_duration": 1800, "min_cut_file_time": 30})");
 
 const uint32_t T = static_cast<uint32_t>(Velto::Kandu::CTime::makeTime(2026, 3, 31, 23, 50, 0));
 
@@ -366,6 +347,95 @@ TEST_F(StreamWriterTest, TheFacadeRegistersWritesAndDeletesStreams) {
   EXPECT_EQ(client.queryRecordStatus(11, T + 60, T, status, 60), -1);  // a range that ends before it begins
   ASSERT_EQ(client.queryRecordStatus(11, T - 60, T + 60, status, 60), 0);
   EXPECT_EQ(status, (std::vector<bool>{false, true}));
+}
+
+// A frame with one SVC descriptor (tag 0x94, level count, layer flag) in a
+// 4-byte extension area.
+std::vector<uint8_t> svcFrame(uint8_t type, uint32_t seq, uint32_t time, uint8_t levels, uint8_t layer) {
+  std::vector<uint8_t> plain = ZarnTest::makeFrame(type, 0, seq, time, 40);
+  std::vector<uint8_t> f(plain.size());
+  std::memcpy(f.data(), plain.data(), plain.size());
+  f[22] = 4;  // extension length
+  f[24] = 0x94;
+  f[25] = levels;
+  f[26] = layer;
+  f[27] = 0;
+  sealFrameHead(f.data());
+  return f;
+}
+
+TEST_F(StreamWriterTest, SvcScreeningDropsFramesThatCannotBeDecoded) {
+  auto w = std::make_shared<CStreamWriter>(m_fs, 12, 1, true);
+  ZarnTest::LogCapture log;
+  struct In {
+    uint8_t type;
+    uint32_t seq;
+    uint8_t levels, layer;
+  };
+  // Three levels: a group spans 4 frames from its reference.
+  const std::vector<In> frames = {
+      {I, 0, 3, 0}, {P, 1, 3, 1}, {P, 2, 3, 1}, {P, 3, 3, 1},  // one whole group
+      {P, 4, 3, 0},                                          // layer 0: the next reference (indexed)
+      {P, 5, 3, 1}, {P, 7, 3, 1},                            // 6 lost: 7 depends on it, dropped
+      {P, 8, 3, 0},                                          // a new reference
+      {P, 9, 0, 1},                                          // a level count of 0 is refused
+      {P, 13, 3, 1},                                         // beyond the group: reference lost
+      {P, 14, 3, 0},                                         // nothing decodes until a key frame
+      {I, 15, 3, 0}};
+  for (const In& in : frames) {
+    std::vector<uint8_t> bytes = svcFrame(in.type, in.seq, T + in.seq, in.levels, in.layer);
+    VeltoFrame frame;
+    frame.attach(bytes.data());
+    unsigned long long written = 0;
+    ASSERT_EQ(w->writeFrame(&frame, 0, written), 0);
+  }
+  EXPECT_TRUE(log.contains("SVC m_allLevels=0"));
+  EXPECT_TRUE(log.contains("SVC not find keyFrame"));
+  EXPECT_TRUE(log.contains("SVC index[13], svc0[8], total[3]"));
+  closeAndWait(w);
+  std::vector<RecordFileName> f = files(12);
+  ASSERT_EQ(f.size(), 1u);
+  std::vector<uint32_t> seqs;
+  for (const Recorded& r : framesIn(f[0])) seqs.push_back(r.sequence);
+  EXPECT_EQ(seqs, (std::vector<uint32_t>{0, 1, 2, 3, 4, 5, 8, 15}));
+  CRecordFile file(*m_fs, f[0]);
+  ASSERT_TRUE(file.openForRead());
+  std::vector<uint32_t> indexed;
+  for (const IndexEntry& e : file.recordIndex()->entries()) indexed.push_back(e.time - T);
+  EXPECT_EQ(indexed, (std::vector<uint32_t>{0, 4, 8, 15}));  // key frames and layer-0 frames
+}
+
+TEST_F(StreamWriterTest, AWriteRacingADeleteCompletesOnItsEngine) {
+  CMediaClientInternal client;
+  Config config{m_root.c_str(), 0, "root", ""};
+  ASSERT_EQ(client.initialize(config, nullptr), 0);
+  ASSERT_EQ(client.setRecyclePolicy(13, 24, 0), 0);
+  ASSERT_EQ(client.addStream(13, 1, true), 0);
+  std::weak_ptr<CStreamWriter> weak = CMediaContext::instance().streams().getStreamWriter(13);
+  std::atomic<int> recorded{0}, unknown{0}, other{0};
+  std::atomic<bool> started{false};
+  std::thread host([&] {
+    for (uint32_t seq = 0; unknown == 0; ++seq) {
+      std::vector<uint8_t> bytes = ZarnTest::makeFrame(seq % 25 == 0 ? I : P, 0, seq, T + seq / 25, 400);
+      VeltoFrame frame;
+      frame.attach(bytes.data());
+      unsigned long long written = 0;
+      int r = client.writeFrame(13, &frame, 0, written);
+      if (r == -4) ++unknown;
+      else if (r != 0) ++other;
+      else if (written != 0) ++recorded;  // 0 with nothing written: dropped by a closed writer
+      started = true;
+    }
+  });
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return recorded.load() > 50; }));
+  EXPECT_EQ(client.deleteStream(13), 0);
+  host.join();
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return weak.expired(); }, 10000));
+  EXPECT_EQ(other.load(), 0);
+  std::vector<RecordFileName> f = files(13);
+  ASSERT_EQ(f.size(), 1u);
+  EXPECT_NE(f[0].endTime, 0u);  // closed and renamed
+  EXPECT_EQ(framesIn(f[0]).size(), static_cast<size_t>(recorded.load()));
 }
 
 }  // namespace

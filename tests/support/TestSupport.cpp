@@ -3,8 +3,13 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <memory>
 #include <cstring>
 #include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "KanduTime.h"
 #include "VeltoFrame.h"
@@ -77,6 +82,33 @@ std::vector<uint8_t> makeFrame(uint8_t type, uint8_t subType, uint32_t sequence,
   std::memcpy(f.data() + length - 8, &tailMagic, 4);
   std::memcpy(f.data() + length - 4, &length, 4);
   return f;
+}
+
+namespace {
+
+class ConfigDirEnvironment : public ::testing::Environment {
+ public:
+  explicit ConfigDirEnvironment(std::string json) : m_json(std::move(json)) {}
+  void SetUp() override {
+    m_dir = std::make_unique<TempDir>();
+    std::ofstream(m_dir->sub("MediaConfig.cfg")) << m_json;
+    ASSERT_EQ(chdir(m_dir->path().c_str()), 0);
+  }
+  void TearDown() override {
+    if (chdir("/") != 0) std::abort();
+    m_dir.reset();
+  }
+
+ private:
+  std::string m_json;
+  std::unique_ptr<TempDir> m_dir;
+};
+
+}  // namespace
+
+bool useConfigFileForProcess(const std::string& json) {
+  ::testing::AddGlobalTestEnvironment(new ConfigDirEnvironment(json));
+  return true;
 }
 
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs) {

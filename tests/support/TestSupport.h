@@ -49,6 +49,12 @@ class LogCapture {
 std::vector<uint8_t> makeFrame(uint8_t type, uint8_t subType, uint32_t sequence, uint32_t utcTime,
                                uint32_t payload, uint16_t msStamp = 0);
 
+// Before any test of the process runs, moves the process into a fresh
+// temporary directory holding "MediaConfig.cfg" with `json` (the process
+// context reads that file once, from the working directory). Call it from a
+// namespace-scope initialiser; returns true.
+bool useConfigFileForProcess(const std::string& json);
+
 // Polls `condition` every 2 ms until it holds or timeoutMs passes.
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);
 
