@@ -76,12 +76,7 @@ int32_t buildClipList(const char* function, CZarnFileSystem& fs, uint32_t stream
   }
   if (count == 0) return 0;
 
-  for (const RecordFileName& file : files) {
-    if (file.endTime != 0 &&
-        (file.indexState == RECORD_INDEX_MISSING || file.indexState == RECORD_INDEX_REBUILDING)) {
-      submitIndexFixWork(fs, file);
-    }
-  }
+  submitFilesNeedingIndex(fs, files);
 
   RecordClip clip{};
   bool haveClip = false;
