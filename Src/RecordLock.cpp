@@ -17,6 +17,7 @@ namespace {
 
 constexpr const char* kLedgerFormat = "lockSize_%" PRIu64 "_%" PRIu64 ".temp";
 constexpr const char* kGuardPath = "media_system/sys.lock";
+constexpr int kLedgerLookups = 5;
 
 bool parseLedgerPath(const std::string& path, uint64_t& total) {
   size_t slash = path.find('/');
@@ -63,10 +64,16 @@ std::string getLockSizeFileName(CZarnFileSystem& fs) {
     return std::string();
   }
   CNameList names;
-  if (!bucket.list(names, "lockSize_", "lockSize_z", 1)) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, list lockSize file failed [lockSize_*]\n", getLastError(), __FUNCTION__,
-               __LINE__);
-    return std::string();
+  // A directory read that overlaps another process's rename of the ledger may
+  // see neither the old name nor the new one: an empty answer is only believed
+  // after a few more looks.
+  for (int attempt = 0; attempt < kLedgerLookups && names.empty(); ++attempt) {
+    if (attempt > 0) Velto::Kandu::sleepMs(2);
+    if (!bucket.list(names, "lockSize_", "lockSize_z", 1)) {
+      KLOG_ERROR("#%d,GENERAL::%s %d, list lockSize file failed [lockSize_*]\n", getLastError(), __FUNCTION__,
+                 __LINE__);
+      return std::string();
+    }
   }
   if (names.empty()) {
     KLOG_ERROR("#%d,GENERAL::%s %d, cannot find lockSize file [lockSize_*]\n", 0, __FUNCTION__, __LINE__);

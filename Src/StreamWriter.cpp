@@ -130,6 +130,7 @@ void CStreamWriter::recycle(std::unique_ptr<FrameItem> item) {
 }
 
 void CStreamWriter::submitSelf() {
+  if (m_closing.load()) return;  // the close procedure owns the last submission
   int idle = 1;
   if (m_queueState.compare_exchange_strong(idle, 0) && !m_queue.submit(this)) m_queueState.store(1);
 }
@@ -480,7 +481,7 @@ void CStreamWriter::execute() {
 
   bool blocked = doWriteFrame(false);
   bool resubmit = blocked && !(m_zeroWriteCount != 0 && m_zeroWriteCount % 3 == 0);
-  if (resubmit && m_queue.submit(this)) return;
+  if (resubmit && !m_closing.load() && m_queue.submit(this)) return;
   m_queueState.store(1);
   // A frame cached after this pass took its frames, but before the state went
   // idle, found the writer busy and did not submit it: look once more.
@@ -535,18 +536,23 @@ void CStreamWriter::closeStream(std::shared_ptr<CStreamWriter> self) {
   if (m_self) std::abort();  // closed twice through the registry: a programming error
   if (m_asyncDeleteTimer.isRunning() || m_closed.load()) return;
   m_self = std::move(self);
+  m_closing.store(true);
   m_asyncDeleteTimer.start(TimerProcedure(this, &CStreamWriter::asyncCloseProc), 0, 0, 0, 60000);
 }
 
 void CStreamWriter::asyncCloseProc(CTimer* /*timer*/) {
   waitOutOfQueue();
-  passItemMutex();
-  if (m_curFile) {
-    doWriteFrame(true);
-    closeCurrentFile();
+  {
+    // Held, not only passed: a sync write arriving now must wait, then see
+    // the writer closed, rather than append to a file being closed.
+    CAutoLock run(itemMutex());
+    if (m_curFile) {
+      doWriteFrame(true);
+      closeCurrentFile();
+    }
+    cutResultNotify(1);
+    m_closed.store(true);
   }
-  cutResultNotify(1);
-  m_closed.store(true);
   setLockOnRun(false);
   m_queueState.store(0);
   if (!m_queue.submit(this)) {

@@ -111,6 +111,7 @@ class CStreamWriter : public CWorkItem {
   const uint32_t m_sid;
   const int16_t m_type;
   const bool m_sync;
+  std::atomic<bool> m_closing{false};  // closeStream has run: only the close procedure submits now
   std::atomic<bool> m_closed{false};
 
   std::unique_ptr<CRecordFile> m_curFile;   // writing thread only

@@ -65,16 +65,22 @@ void CWorkQueue::threadProc(CThreadLite& thread) {
     if (m_semaphore.pend(100) == -1) continue;
     CWorkItem* item = nullptr;
     bool locked = false;
+    bool lockedUnderQueue = false;
     {
       CAutoLock lock(m_mutex);
       if (!m_items.empty()) {
         item = m_items.front();
         m_items.pop_front();
         --m_count;
-        // Queue mutex, then item mutex: the one lock order of the queue.
+        // The item mutex is taken before the queue mutex is released, so an
+        // owner that fails to cancel the item and then passes its item mutex
+        // waits for the run. Only tried here: a running execute() may resubmit
+        // its item (item mutex, then queue mutex), and blocking on the item
+        // under the queue mutex would invert that order. When the try fails
+        // (the owner is passing the barrier), the lock is taken just after.
         if (m_lockItems && item->lockOnRun()) {
-          item->itemMutex().lock();
           locked = true;
+          lockedUnderQueue = item->itemMutex().tryLock();
         }
       } else if (Velto::Kandu::monotonicMs() - waitStart < 100) {
         // A post whose item was cancelled (or a spurious wake-up).
@@ -82,6 +88,7 @@ void CWorkQueue::threadProc(CThreadLite& thread) {
       }
     }
     if (item == nullptr) continue;
+    if (locked && !lockedUnderQueue) item->itemMutex().lock();
     item->execute();
     if (locked) item->itemMutex().unlock();
   }

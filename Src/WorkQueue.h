@@ -2,6 +2,10 @@
 // in submission order. An item runs once per submission; an item that wants to
 // go on resubmits itself at the end of its run.
 //
+// Locks: a worker takes an item's mutex (when the queue locks items) before
+// it lets go of the queue mutex, by try-lock; an item's execute() may submit
+// (item mutex, then queue mutex).
+//
 // Ownership: the queue never owns items; their owners keep them alive while
 // queued or running and keep their own idle flags so that an item is never
 // queued twice. An item runs on at most one worker at a time.
