@@ -7,6 +7,7 @@
 #include <mutex>
 #include <set>
 
+#include "IndexFixSubmit.h"
 #include "KanduLog.h"
 #include "KanduThread.h"
 #include "KanduTime.h"
@@ -15,6 +16,7 @@
 #include "RecordLock.h"
 #include "RecordQuery.h"
 #include "StreamMgr.h"
+#include "StreamReader.h"
 #include "StreamWriter.h"
 
 namespace Velto::Zarn {
@@ -250,8 +252,15 @@ void CMediaClientInternal::fixIndexTimerProc(CTimer* /*timer*/) {
   KLOG_INFO("#%d,GENERAL::%s %d, stream totalNum = %ld\n", 0, __FUNCTION__, __LINE__, static_cast<long>(ids.size()));
   int total = 0;
   size_t visited = 0;
+  CZarnFileSystem& fs = store();
   for (uint32_t id : ids) {
-    (void)id;  // record listings and the index fixer arrive with the record store
+    std::vector<RecordFileName> files;
+    listRecordFileInfo(fs, id, from, now, files, BUCKET_KIND_FORGOTTEN);
+    int32_t count = listRecordFileInfo(fs, id, from, now, files, BUCKET_KIND_MEDIA);
+    if (count > 0) {
+      total += count;
+      submitFilesNeedingIndex(fs, files);
+    }
     if (++visited % 100 == 0) Velto::Kandu::sleepMs(100);
   }
   KLOG_INFO("#%d,GENERAL::%s %d, %s - %s, check %d files\n", 0, __FUNCTION__, __LINE__, timeText(from).c_str(),
@@ -385,36 +394,46 @@ int CMediaClientInternal::addSession(unsigned streamId, unsigned beginTime, unsi
   KLOG_DEBUG("#%d,GENERAL::%s %d, addSession: sid = %u, begin = %u, end = %u, sync = %d.\n", 0, __FUNCTION__,
              __LINE__, streamId, beginTime, endTime, sync ? 1 : 0);
   store();
-  return notAvailable(__FUNCTION__, -1);
+  return CMediaContext::instance().streams().addStreamReader(
+      std::make_shared<CStreamReader>(m_fs, streamId, beginTime, endTime, sync));
 }
 
-int CMediaClientInternal::readFrame(unsigned sessionId, VeltoFrame*, unsigned long long&, bool, bool) {
-  if (!CMediaContext::instance().streams().getStreamReader(static_cast<int32_t>(sessionId))) {
+int CMediaClientInternal::readFrame(unsigned sessionId, VeltoFrame* frame, unsigned long long& length,
+                                    bool keyFramesOnly, bool reverse) {
+  std::shared_ptr<CStreamReader> reader =
+      CMediaContext::instance().streams().getStreamReader(static_cast<int32_t>(sessionId));
+  if (!reader) {
     KLOG_ERROR("#%d,GENERAL::%s %d, session(%u) not find. Pls addSession first!\n", 0, __FUNCTION__, __LINE__,
                sessionId);
     return -5;
   }
-  return notAvailable(__FUNCTION__, -1);
+  return reader->readFrame(frame, length, keyFramesOnly, reverse);
 }
 
 int CMediaClientInternal::seek(unsigned sessionId, unsigned seekTime) {
   KLOG_DEBUG("#%d,GENERAL::%s %d, seek: sessionID = %u. seekTS = %u.\n", 0, __FUNCTION__, __LINE__, sessionId,
              seekTime);
-  if (!CMediaContext::instance().streams().getStreamReader(static_cast<int32_t>(sessionId))) {
+  std::shared_ptr<CStreamReader> reader =
+      CMediaContext::instance().streams().getStreamReader(static_cast<int32_t>(sessionId));
+  if (!reader) {
     KLOG_ERROR("#%d,GENERAL::%s %d, session(%u) not find. Pls addSession first!\n", 0, __FUNCTION__, __LINE__,
                sessionId);
     return -5;
   }
-  return notAvailable(__FUNCTION__, -1);
+  return reader->seek(seekTime);
 }
 
 int CMediaClientInternal::deleteSession(unsigned sessionId) {
   KLOG_DEBUG("#%d,GENERAL::%s %d, deleteSession: sessionID = %u.\n", 0, __FUNCTION__, __LINE__, sessionId);
-  if (!CMediaContext::instance().streams().getStreamReader(static_cast<int32_t>(sessionId))) {
+  CStreamMgr& streams = CMediaContext::instance().streams();
+  std::shared_ptr<CStreamReader> reader = streams.getStreamReader(static_cast<int32_t>(sessionId));
+  if (!reader) {
     KLOG_WARN("#%d,GENERAL::%s %d, session(%u) not find\n", 0, __FUNCTION__, __LINE__, sessionId);
     return -1;
   }
-  return notAvailable(__FUNCTION__, -1);
+  reader->deleteSession(reader);
+  streams.delStreamReader(static_cast<int32_t>(sessionId));
+  return 0;
 }
 
 int CMediaClientInternal::lockStream(unsigned, std::vector<RecordClip>&) { return notAvailable(__FUNCTION__, -3); }
