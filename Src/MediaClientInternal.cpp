@@ -46,6 +46,25 @@ int notAvailable(const char* operation, int result) {
 
 std::string timeText(uint32_t seconds) { return CTime(seconds).format("yyyy/MM/dd/HHmmss"); }
 
+// The registry lookups of the frame calls; a miss logs the caller's error line.
+std::shared_ptr<CStreamWriter> findWriter(unsigned streamId, const char* function) {
+  std::shared_ptr<CStreamWriter> writer = CMediaContext::instance().streams().getStreamWriter(streamId);
+  if (!writer) {
+    KLOG_ERROR("#%d,GENERAL::%s %d, stream(%u) not find. Pls addStream first!\n", 0, function, __LINE__, streamId);
+  }
+  return writer;
+}
+
+std::shared_ptr<CStreamReader> findSession(unsigned sessionId, const char* function) {
+  std::shared_ptr<CStreamReader> reader =
+      CMediaContext::instance().streams().getStreamReader(static_cast<int32_t>(sessionId));
+  if (!reader) {
+    KLOG_ERROR("#%d,GENERAL::%s %d, session(%u) not find. Pls addSession first!\n", 0, function, __LINE__,
+               sessionId);
+  }
+  return reader;
+}
+
 }  // namespace
 
 void printVersionBanner() {
@@ -358,22 +377,14 @@ int CMediaClientInternal::addStream(unsigned streamId, short type, bool sync) {
 
 int CMediaClientInternal::writeFrame(unsigned streamId, const VeltoFrame* frame, unsigned frameTime,
                                      unsigned long long& position) {
-  std::shared_ptr<CStreamWriter> writer = CMediaContext::instance().streams().getStreamWriter(streamId);
-  if (!writer) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, stream(%u) not find. Pls addStream first!\n", 0, __FUNCTION__, __LINE__,
-               streamId);
-    return -4;
-  }
+  std::shared_ptr<CStreamWriter> writer = findWriter(streamId, __FUNCTION__);
+  if (!writer) return -4;
   return writer->writeFrame(frame, frameTime, position);
 }
 
 int CMediaClientInternal::flushFrame(unsigned streamId) {
-  std::shared_ptr<CStreamWriter> writer = CMediaContext::instance().streams().getStreamWriter(streamId);
-  if (!writer) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, stream(%u) not find. Pls addStream first!\n", 0, __FUNCTION__, __LINE__,
-               streamId);
-    return -4;
-  }
+  std::shared_ptr<CStreamWriter> writer = findWriter(streamId, __FUNCTION__);
+  if (!writer) return -4;
   return writer->flushFrame();
 }
 
@@ -400,26 +411,16 @@ int CMediaClientInternal::addSession(unsigned streamId, unsigned beginTime, unsi
 
 int CMediaClientInternal::readFrame(unsigned sessionId, VeltoFrame* frame, unsigned long long& length,
                                     bool keyFramesOnly, bool reverse) {
-  std::shared_ptr<CStreamReader> reader =
-      CMediaContext::instance().streams().getStreamReader(static_cast<int32_t>(sessionId));
-  if (!reader) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, session(%u) not find. Pls addSession first!\n", 0, __FUNCTION__, __LINE__,
-               sessionId);
-    return -5;
-  }
+  std::shared_ptr<CStreamReader> reader = findSession(sessionId, __FUNCTION__);
+  if (!reader) return -5;
   return reader->readFrame(frame, length, keyFramesOnly, reverse);
 }
 
 int CMediaClientInternal::seek(unsigned sessionId, unsigned seekTime) {
   KLOG_DEBUG("#%d,GENERAL::%s %d, seek: sessionID = %u. seekTS = %u.\n", 0, __FUNCTION__, __LINE__, sessionId,
              seekTime);
-  std::shared_ptr<CStreamReader> reader =
-      CMediaContext::instance().streams().getStreamReader(static_cast<int32_t>(sessionId));
-  if (!reader) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, session(%u) not find. Pls addSession first!\n", 0, __FUNCTION__, __LINE__,
-               sessionId);
-    return -5;
-  }
+  std::shared_ptr<CStreamReader> reader = findSession(sessionId, __FUNCTION__);
+  if (!reader) return -5;
   return reader->seek(seekTime);
 }
 
