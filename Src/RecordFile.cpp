@@ -175,17 +175,54 @@ void CRecordFile::setLastTime(uint32_t time) {
 
 int64_t CRecordFile::read(void* buffer, uint32_t length) {
   requireMode(MODE_READ);
-  return m_file ? m_file->read(buffer, length) : -1;
+  if (!m_file) return -1;
+  if (length == 0) return 0;
+  if (!m_bufValid || m_bufPos == m_bufLen) {
+    // The buffer is used up, so the store file's position is the logical one.
+    if (length >= kReadBufferSize / 2) {
+      m_bufValid = false;
+      return m_file->read(buffer, length);  // large reads skip the extra copy
+    }
+    if (!m_readBuf) m_readBuf.reset(new uint8_t[kReadBufferSize]);
+    const int64_t position = m_file->tell();
+    if (position < 0) return -1;
+    const int64_t n = m_file->read(m_readBuf.get(), kReadBufferSize);
+    if (n <= 0) {
+      m_bufValid = false;
+      return n;  // 0: a file still being written; -1: the store's error
+    }
+    m_bufFilePos = position;
+    m_bufLen = static_cast<uint32_t>(n);
+    m_bufPos = 0;
+    m_bufValid = true;
+  }
+  const uint32_t n = std::min(length, m_bufLen - m_bufPos);
+  std::memcpy(buffer, m_readBuf.get() + m_bufPos, n);
+  m_bufPos += n;
+  return n;
 }
 
 int64_t CRecordFile::seek(int64_t offset, int origin) {
   requireMode(MODE_READ);
-  return m_file ? m_file->seek(offset, origin) : -1;
+  if (!m_file) return -1;
+  if (origin == 1) {
+    const int64_t here = tell();
+    if (here < 0) return -1;
+    offset += here;
+    origin = 0;
+  }
+  if (origin == 0 && m_bufValid && offset >= m_bufFilePos && offset <= m_bufFilePos + m_bufLen) {
+    m_bufPos = static_cast<uint32_t>(offset - m_bufFilePos);
+    return offset;
+  }
+  m_bufValid = false;
+  return m_file->seek(offset, origin);
 }
 
 int64_t CRecordFile::tell() {
   requireMode(MODE_READ);
-  return m_file ? m_file->tell() : -1;
+  if (!m_file) return -1;
+  return m_bufValid ? m_bufFilePos + m_bufPos : m_file->tell();
 }
 
 uint64_t CRecordFile::length() {

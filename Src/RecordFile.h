@@ -69,6 +69,10 @@ class CRecordFile : public IFileListener {
     STATE_MISS_INDEX = 5,  // read: closed file whose index could not be loaded
   };
   static constexpr uint32_t kInfoReadLimitMs = 15000;
+  // Read mode goes through a buffer of this size: a reader that takes each
+  // frame as head then body makes one store call per buffer instead of two per
+  // frame, and skips within the buffer cost no store call at all.
+  static constexpr uint32_t kReadBufferSize = 128 * 1024;
 
   // `name` is the file's parsed name (an open name for writing).
   CRecordFile(CZarnFileSystem& fs, const RecordFileName& name);
@@ -86,7 +90,7 @@ class CRecordFile : public IFileListener {
   // Write mode: the time of the last frame written.
   void setLastTime(uint32_t time);
 
-  // Read mode.
+  // Read mode (buffered; reads may return fewer bytes than asked).
   int64_t read(void* buffer, uint32_t length);
   int64_t seek(int64_t offset, int origin);
   int64_t tell();
@@ -147,6 +151,15 @@ class CRecordFile : public IFileListener {
   bool m_emptyFile = false;
   bool m_smartMode = false;
   std::function<void(int)> m_stateCallback;
+
+  // Read buffer: m_readBuf[0, m_bufLen) holds the file's bytes from
+  // m_bufFilePos; the logical position is m_bufFilePos + m_bufPos while
+  // m_bufValid, and the store file's own position otherwise.
+  std::unique_ptr<uint8_t[]> m_readBuf;
+  uint32_t m_bufPos = 0;
+  uint32_t m_bufLen = 0;
+  int64_t m_bufFilePos = 0;
+  bool m_bufValid = false;
 };
 
 }  // namespace Velto::Zarn

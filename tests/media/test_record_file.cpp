@@ -351,4 +351,59 @@ TEST_F(RecordFileTest, TheWrongSideOfAFileIsAProgrammingError) {
       "");
 }
 
+TEST_F(RecordFileTest, BufferedReadsSeeksAndTellAgreeWithTheBytes) {
+  CRecordFile file(m_fs, openName());
+  ASSERT_TRUE(file.openForWrite(4, 1));
+  // 300 KB of frames: more than two read buffers.
+  std::vector<TestFrame> frames;
+  for (uint32_t i = 0; i < 250; ++i) frames.push_back({i % 25 == 0 ? FRAME_TYPE_I : FRAME_TYPE_P, 0, T + i / 25});
+  std::vector<uint8_t> all;
+  uint32_t seq = 0;
+  for (const TestFrame& f : frames) {
+    std::vector<uint8_t> bytes = ZarnTest::makeFrame(f.type, 0, seq++, f.time, 1200);
+    ASSERT_EQ(file.write(bytes.data(), static_cast<uint32_t>(bytes.size())), static_cast<int64_t>(bytes.size()));
+    all.insert(all.end(), bytes.begin(), bytes.end());
+  }
+  CRecordFile reader(m_fs, openName());  // still being written: no info, reads go to the store's end
+  ASSERT_TRUE(reader.openForRead());
+  std::vector<uint8_t> got(all.size());
+  size_t have = 0;
+  uint32_t piece = 24;
+  while (have < all.size()) {
+    int64_t n = reader.read(got.data() + have, std::min<uint32_t>(piece, static_cast<uint32_t>(all.size() - have)));
+    ASSERT_GT(n, 0);
+    have += static_cast<size_t>(n);
+    EXPECT_EQ(reader.tell(), static_cast<int64_t>(have));
+    piece = piece == 24 ? 1208 : 24;  // head, body, head, ...
+  }
+  EXPECT_EQ(got, all);
+  EXPECT_EQ(reader.read(got.data(), 10), 0);  // the writer still has it open: more may come
+
+  // Seeks inside what is buffered, back across the buffer, relative, and to the end.
+  ASSERT_EQ(reader.seek(all.size() - 100, 0), static_cast<int64_t>(all.size() - 100));
+  uint8_t b[8];
+  ASSERT_EQ(reader.read(b, 8), 8);
+  EXPECT_EQ(0, std::memcmp(b, &all[all.size() - 100], 8));
+  ASSERT_EQ(reader.seek(10, 0), 10);
+  ASSERT_EQ(reader.read(b, 8), 8);
+  EXPECT_EQ(0, std::memcmp(b, &all[10], 8));
+  ASSERT_EQ(reader.seek(1000, 1), 1018);
+  ASSERT_EQ(reader.read(b, 8), 8);
+  EXPECT_EQ(0, std::memcmp(b, &all[1018], 8));
+  ASSERT_EQ(reader.seek(0, 2), static_cast<int64_t>(all.size()));
+
+  // Bytes appended after the buffer was filled are read once it is used up.
+  std::vector<uint8_t> more = ZarnTest::makeFrame(FRAME_TYPE_P, 0, seq, T + 10, 50);
+  ASSERT_EQ(file.write(more.data(), static_cast<uint32_t>(more.size())), static_cast<int64_t>(more.size()));
+  std::vector<uint8_t> tail(more.size());
+  size_t t = 0;
+  while (t < tail.size()) {
+    int64_t n = reader.read(tail.data() + t, static_cast<uint32_t>(tail.size() - t));
+    ASSERT_GT(n, 0);
+    t += static_cast<size_t>(n);
+  }
+  EXPECT_EQ(tail, more);
+  ASSERT_TRUE(file.close());
+}
+
 }  // namespace
