@@ -7,7 +7,7 @@
 // writers, and peak memory.
 //
 //   bench_record [--streams N] [--kbps N] [--fps N] [--gop N] [--seconds N]
-//                [--realtime] [--async] [--store DIR] [--idle-writers N]
+//                [--realtime] [--async] [--store DIR] [--idle-writers N] [--repeat N]
 //
 // --gop is the key-frame interval in seconds; --seconds the length of video
 // recorded per stream. Without --realtime frames go as fast as possible.
@@ -68,6 +68,7 @@ struct Options {
   bool realtime = false;
   bool async = false;
   unsigned idleWriters = 1000;
+  unsigned repeat = 1;
   std::string store = "./bench-record-store";
 };
 
@@ -187,13 +188,14 @@ int main(int argc, char** argv) {
     else if (a == "--async") o.async = true;
     else if (a == "--idle-writers") o.idleWriters = static_cast<unsigned>(std::atoi(next()));
     else if (a == "--store") o.store = next();
+    else if (a == "--repeat") o.repeat = static_cast<unsigned>(std::atoi(next()));
     else {
       std::fprintf(stderr, "unknown argument %s (see the header of bench_record.cpp)\n", a.c_str());
       return 2;
     }
   }
-  if (o.streams == 0 || o.fps == 0 || o.gop == 0 || o.seconds == 0) {
-    std::fprintf(stderr, "streams, fps, gop and seconds must be positive\n");
+  if (o.streams == 0 || o.fps == 0 || o.gop == 0 || o.seconds == 0 || o.repeat == 0) {
+    std::fprintf(stderr, "streams, fps, gop, seconds and repeat must be positive\n");
     return 2;
   }
   if (!std::getenv("ZARN_LOG_LEVEL")) Velto::Kandu::setLogLevel(Velto::Kandu::LOG_ERROR);
@@ -210,71 +212,83 @@ int main(int argc, char** argv) {
               o.streams, o.kbps, o.fps, o.gop, o.seconds, o.realtime ? "paced in real time" : "as fast as possible",
               o.async ? "async" : "sync");
 
-  // Plain write(2): one file per stream.
-  std::vector<int> fds(o.streams);
-  for (unsigned s = 0; s < o.streams; ++s)
-    fds[s] = ::open((o.store + "/plain/" + std::to_string(s)).c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_APPEND, 0644);
-  uint64_t plainBytes = 0;
-  double cpu0 = cpuSeconds();
-  auto wall0 = std::chrono::steady_clock::now();
-  drive(o, streams, base, [&](unsigned s, const std::vector<uint8_t>& f) {
-    size_t off = 0;
-    while (off < f.size()) {
-      ssize_t n = ::write(fds[s], f.data() + off, f.size() - off);
-      if (n <= 0) std::abort();
-      off += static_cast<size_t>(n);
-    }
-    plainBytes += f.size();
-  });
-  // The store makes a record file durable before it takes its closed name; the
-  // plain loop does the same for a like-for-like comparison.
-  for (int fd : fds) {
-    ::fdatasync(fd);
-    ::close(fd);
-  }
-  double plainCpu = cpuSeconds() - cpu0;
-  double plainWall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
+  struct Phase {
+    uint64_t bytes = 0;
+    double cpu = 0, wall = 0;
+    long switches = 0;
+  };
+  const double gib = 1024.0 * 1024.0 * 1024.0;
+  auto perGiB = [gib](const Phase& p) { return p.bytes ? p.cpu / (static_cast<double>(p.bytes) / gib) : 0.0; };
 
-  // The library.
-  uint64_t libBytes = 0, refused = 0, failed = 0;
+  // Plain write(2): one file per stream.
+  auto runPlain = [&]() {
+    Phase phase;
+    std::vector<int> fds(o.streams);
+    for (unsigned s = 0; s < o.streams; ++s)
+      fds[s] =
+          ::open((o.store + "/plain/" + std::to_string(s)).c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_APPEND, 0644);
+    double cpu0 = cpuSeconds();
+    auto wall0 = std::chrono::steady_clock::now();
+    drive(o, streams, base, [&](unsigned s, const std::vector<uint8_t>& f) {
+      size_t off = 0;
+      while (off < f.size()) {
+        ssize_t n = ::write(fds[s], f.data() + off, f.size() - off);
+        if (n <= 0) std::abort();
+        off += static_cast<size_t>(n);
+      }
+      phase.bytes += f.size();
+    });
+    // The store makes a record file durable before it takes its closed name;
+    // the plain loop does the same for a like-for-like comparison.
+    for (int fd : fds) {
+      ::fdatasync(fd);
+      ::close(fd);
+    }
+    phase.cpu = cpuSeconds() - cpu0;
+    phase.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
+    return phase;
+  };
+
+  // The library: a client of its own per round, and stream ids of their own, so
+  // that rounds never meet each other's files.
+  uint64_t refused = 0, failed = 0;
   std::vector<uint32_t> latencyNs;
-  latencyNs.reserve(static_cast<size_t>(o.streams) * o.fps * o.seconds);
+  latencyNs.reserve(static_cast<size_t>(o.streams) * o.fps * o.seconds * o.repeat);
   uint64_t steadyAllocs = 0, steadyFrames = 0;
-  double libCpu = 0, libWall = 0;
-  long switches0 = 0, libSwitches = 0;
-  {
+  std::string address = o.store + "/store";
+  Velto::Zarn::Config config{address.c_str(), 0, "root", ""};
+  auto runLibrary = [&](unsigned round) {
+    Phase phase;
     CMediaClient client;
-    std::string address = o.store + "/store";
-    Velto::Zarn::Config config{address.c_str(), 0, "root", ""};
     if (client.initialize(config, nullptr) != 0) {
       std::fprintf(stderr, "cannot open the store at %s\n", address.c_str());
-      return 1;
+      std::exit(1);
     }
+    const unsigned firstId = 1 + round * 10000;
     for (unsigned s = 0; s < o.streams; ++s) {
-      client.setRecyclePolicy(s + 1, 24, 0);
-      if (client.addStream(s + 1, 1, !o.async) != 0) return 1;
+      client.setRecyclePolicy(firstId + s, 24, 0);
+      if (client.addStream(firstId + s, 1, !o.async) != 0) std::exit(1);
     }
     VeltoFrame frame;
-    switches0 = contextSwitches();
-    cpu0 = cpuSeconds();
-    wall0 = std::chrono::steady_clock::now();
+    const long switches0 = contextSwitches();
+    const double cpu0 = cpuSeconds();
+    const auto wall0 = std::chrono::steady_clock::now();
     const uint64_t keyEvery = static_cast<uint64_t>(o.fps) * o.gop;
     uint64_t issued = 0;
     drive(o, streams, base, [&](unsigned s, const std::vector<uint8_t>& f) {
       frame.attach(f.data());
       unsigned long long taken = 0;
-      // Steady state for the allocation count: after the first GOP, no key frame
-      // (cuts and file creations allocate, by design, once per file).
-      const bool steady = !o.async && issued / o.streams >= keyEvery &&
-                          (issued / o.streams) % keyEvery != 0;
+      // Steady state for the allocation count: after the first GOP, no key
+      // frame (cuts and file creations allocate, by design, once per file).
+      const bool steady = !o.async && issued / o.streams >= keyEvery && (issued / o.streams) % keyEvery != 0;
       const uint64_t before = g_allocations.load(std::memory_order_relaxed);
       const auto t0 = std::chrono::steady_clock::now();
-      int r = client.writeFrame(s + 1, &frame, 0, taken);
+      int r = client.writeFrame(firstId + s, &frame, 0, taken);
       // Unpaced, a full cache is back-pressure: count it and offer the frame again.
       while (r == -2 && !o.realtime) {
         ++refused;
         std::this_thread::sleep_for(std::chrono::microseconds(200));
-        r = client.writeFrame(s + 1, &frame, 0, taken);
+        r = client.writeFrame(firstId + s, &frame, 0, taken);
       }
       const auto t1 = std::chrono::steady_clock::now();
       if (steady) {
@@ -284,46 +298,60 @@ int main(int argc, char** argv) {
       if (!o.async) latencyNs.push_back(static_cast<uint32_t>(std::chrono::nanoseconds(t1 - t0).count()));
       if (r == -2) ++refused;
       else if (r != 0) ++failed;
-      else libBytes += taken;
+      else phase.bytes += taken;
       ++issued;
     });
-    for (unsigned s = 0; s < o.streams; ++s) client.deleteStream(s + 1);
+    for (unsigned s = 0; s < o.streams; ++s) client.deleteStream(firstId + s);
     // Closing is asynchronous: wait until every last file is closed and renamed.
     Velto::Zarn::CWritingFileTable& writing = Velto::Zarn::CMediaContext::instance().writingFiles();
     Velto::Zarn::CWritingFileTable::Entry entry;
     for (unsigned s = 0; s < o.streams; ++s)
-      while (writing.get(s + 1, entry)) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    libCpu = cpuSeconds() - cpu0;
-    libSwitches = contextSwitches() - switches0;
-    libWall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
+      while (writing.get(firstId + s, entry)) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    phase.cpu = cpuSeconds() - cpu0;
+    phase.switches = contextSwitches() - switches0;
+    phase.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
+    return phase;
+  };
 
+  // Rounds alternate the two phases, so a burst of load elsewhere on the
+  // machine hits both; the median ratio is the figure to read.
+  std::vector<double> ratios;
+  Phase plain, lib;
+  for (unsigned round = 0; round < o.repeat; ++round) {
+    plain = runPlain();
+    lib = runLibrary(round);
+    ratios.push_back(perGiB(plain) > 0 ? perGiB(lib) / perGiB(plain) : 0.0);
+    if (o.repeat > 1) std::printf("round %u: CPU per GiB ratio %.2f\n", round + 1, ratios.back());
+  }
+  std::sort(ratios.begin(), ratios.end());
+
+  {
     // Idle writers: what a registered stream that records nothing costs.
+    CMediaClient client;
+    if (client.initialize(config, nullptr) != 0) return 1;
     long rss0 = currentRssKb();
     int threads0 = threadCount();
     for (unsigned s = 0; s < o.idleWriters; ++s) {
-      client.setRecyclePolicy(100000 + s, 24, 0);
-      client.addStream(100000 + s, 1, true);
+      client.setRecyclePolicy(900000 + s, 24, 0);
+      client.addStream(900000 + s, 1, true);
     }
     long rss1 = currentRssKb();
     int threads1 = threadCount();
     std::printf("idle writers: %u cost %.1f KiB each and %d threads in all\n", o.idleWriters,
                 o.idleWriters ? static_cast<double>(rss1 - rss0) / o.idleWriters : 0.0, threads1 - threads0);
-    for (unsigned s = 0; s < o.idleWriters; ++s) client.deleteStream(100000 + s);
+    for (unsigned s = 0; s < o.idleWriters; ++s) client.deleteStream(900000 + s);
   }
 
-  const double gib = 1024.0 * 1024.0 * 1024.0;
-  const double plainPerGiB = plainBytes ? plainCpu / (static_cast<double>(plainBytes) / gib) : 0;
-  const double libPerGiB = libBytes ? libCpu / (static_cast<double>(libBytes) / gib) : 0;
-  std::printf("plain write(2): %8.1f MB/s  %6.3f CPU s/GiB  (%" PRIu64 " bytes in %.2f s)\n",
-              static_cast<double>(plainBytes) / 1e6 / plainWall, plainPerGiB, plainBytes, plainWall);
-  std::printf("CMediaClient  : %8.1f MB/s  %6.3f CPU s/GiB  (%" PRIu64 " bytes in %.2f s)\n",
-              static_cast<double>(libBytes) / 1e6 / libWall, libPerGiB, libBytes, libWall);
-  std::printf("CPU per GiB ratio (library / plain): %.2f  (target <= 1.3)\n",
-              plainPerGiB > 0 ? libPerGiB / plainPerGiB : 0.0);
+  std::printf("plain write(2): %8.1f MB/s  %6.3f CPU s/GiB  (%" PRIu64 " bytes in %.2f s, last round)\n",
+              static_cast<double>(plain.bytes) / 1e6 / plain.wall, perGiB(plain), plain.bytes, plain.wall);
+  std::printf("CMediaClient  : %8.1f MB/s  %6.3f CPU s/GiB  (%" PRIu64 " bytes in %.2f s, last round)\n",
+              static_cast<double>(lib.bytes) / 1e6 / lib.wall, perGiB(lib), lib.bytes, lib.wall);
+  std::printf("CPU per GiB ratio (library / plain): median %.2f of %zu rounds, min %.2f, max %.2f  (target <= 1.3)\n",
+              ratios[ratios.size() / 2], ratios.size(), ratios.front(), ratios.back());
   std::printf("refused frames (-2): %" PRIu64 ", failed writes: %" PRIu64 "\n", refused, failed);
   const uint64_t framesIssued = static_cast<uint64_t>(o.streams) * o.fps * o.seconds;
-  std::printf("context switches per frame (library phase): %.2f\n",
-              framesIssued ? static_cast<double>(libSwitches) / static_cast<double>(framesIssued) : 0.0);
+  std::printf("context switches per frame (library phase, last round): %.2f\n",
+              framesIssued ? static_cast<double>(lib.switches) / static_cast<double>(framesIssued) : 0.0);
   if (!latencyNs.empty()) {
     std::sort(latencyNs.begin(), latencyNs.end());
     std::printf("sync writeFrame latency: p50 %.1f us, p99 %.1f us\n", latencyNs[latencyNs.size() / 2] / 1000.0,
