@@ -28,6 +28,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "KanduLog.h"
 #include "KanduThread.h"
 #include "KanduTime.h"
@@ -58,21 +59,7 @@ struct Options {
 double since(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
 
 std::vector<uint8_t> makeFrame(uint8_t type, uint32_t sequence, uint32_t time, uint32_t length) {
-  std::vector<uint8_t> f(length, static_cast<uint8_t>(sequence));
-  VeltoFrameHead head{};
-  head.magic = Velto::Zarn::kFrameHeadMagic;
-  head.type = type;
-  head.sequence = sequence;
-  head.length = length;
-  Velto::Kandu::CTime t(time);
-  head.packedTime = Velto::Zarn::packFrameTime(t.getYear(), t.getMonth(), t.getDay(), t.getHour(), t.getMinute(),
-                                               t.getSecond());
-  std::memcpy(f.data(), &head, sizeof(head));
-  Velto::Zarn::sealFrameHead(f.data());
-  const uint32_t tail = Velto::Zarn::kFrameTailMagic;
-  std::memcpy(f.data() + length - 8, &tail, 4);
-  std::memcpy(f.data() + length - 4, &length, 4);
-  return f;
+  return ZarnBench::makeFrame(type, sequence, time, length);
 }
 
 struct ReadResult {
@@ -174,28 +161,22 @@ double timedSeek(CMediaClient& client, unsigned session, uint32_t t) {
 
 int main(int argc, char** argv) {
   Options o;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    auto next = [&]() -> const char* {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "%s needs a value\n", a.c_str());
-        std::exit(2);
-      }
-      return argv[++i];
-    };
-    if (a == "--kbps") o.kbps = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--fps") o.fps = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--gop") o.gop = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--seconds") o.seconds = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--file-seconds") o.fileSeconds = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--sessions") o.sessions = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--seeks") o.seeks = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--dir") o.dir = next();
+  ZarnBench::ArgReader args(argc, argv);
+  for (std::string a; args.next(a);) {
+    if (a == "--kbps") o.kbps = args.number();
+    else if (a == "--fps") o.fps = args.number();
+    else if (a == "--gop") o.gop = args.number();
+    else if (a == "--seconds") o.seconds = args.number();
+    else if (a == "--file-seconds") o.fileSeconds = args.number();
+    else if (a == "--sessions") o.sessions = args.number();
+    else if (a == "--seeks") o.seeks = args.number();
+    else if (a == "--dir") o.dir = args.value();
     else {
       std::fprintf(stderr, "unknown option %s\n", a.c_str());
       return 2;
     }
   }
+
   if (o.kbps == 0 || o.fps == 0 || o.gop == 0 || o.seconds == 0 || o.fileSeconds == 0 || o.sessions == 0) {
     std::fprintf(stderr, "all values must be positive\n");
     return 2;

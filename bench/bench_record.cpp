@@ -29,6 +29,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "KanduLog.h"
 #include "KanduTime.h"
 #include "MediaContext.h"
@@ -58,6 +59,10 @@ namespace {
 
 using Velto::Zarn::CMediaClient;
 using Velto::Zarn::VeltoFrame;
+using ZarnBench::contextSwitches;
+using ZarnBench::cpuSeconds;
+using ZarnBench::peakRssKb;
+using ZarnBench::restamp;
 
 struct Options {
   unsigned streams = 16;
@@ -72,59 +77,10 @@ struct Options {
   std::string store = "./bench-record-store";
 };
 
-double cpuSeconds() {
-  rusage u{};
-  getrusage(RUSAGE_SELF, &u);
-  return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-         static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
-}
 
-long contextSwitches() {
-  rusage u{};
-  getrusage(RUSAGE_SELF, &u);
-  return u.ru_nvcsw + u.ru_nivcsw;
-}
 
-long peakRssKb() {
-  rusage u{};
-  getrusage(RUSAGE_SELF, &u);
-  return u.ru_maxrss;
-}
 
-long currentRssKb() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
-  return 0;
-}
 
-int threadCount() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind("Threads:", 0) == 0) return std::atoi(line.c_str() + 8);
-  return 0;
-}
-
-// One synthetic frame: a valid head and tail around a payload pattern.
-void buildFrame(std::vector<uint8_t>& buf, uint32_t length, bool key, uint32_t seq, uint32_t utc) {
-  buf.assign(length, 0);
-  Velto::Zarn::VeltoFrameHead head{};
-  head.magic = Velto::Zarn::kFrameHeadMagic;
-  head.type = key ? Velto::Zarn::FRAME_TYPE_I : Velto::Zarn::FRAME_TYPE_P;
-  head.sequence = seq;
-  head.length = length;
-  Velto::Kandu::CTime t(utc);
-  head.packedTime =
-      Velto::Zarn::packFrameTime(t.getYear(), t.getMonth(), t.getDay(), t.getHour(), t.getMinute(), t.getSecond());
-  std::memcpy(buf.data(), &head, sizeof(head));
-  Velto::Zarn::sealFrameHead(buf.data());
-  for (uint32_t i = 24; i + 8 < length; i += 64) buf[i] = static_cast<uint8_t>(seq + i);
-  const uint32_t tail = Velto::Zarn::kFrameTailMagic;
-  std::memcpy(buf.data() + length - 8, &tail, 4);
-  std::memcpy(buf.data() + length - 4, &length, 4);
-}
 
 struct Stream {
   std::vector<uint8_t> key, delta;  // one key frame and one delta frame, re-stamped per frame
@@ -139,14 +95,6 @@ uint32_t frameLength(const Options& o, bool key) {
   return key ? delta * 5 : delta;
 }
 
-void restamp(std::vector<uint8_t>& f, uint32_t seq, uint32_t utc) {
-  Velto::Zarn::VeltoFrameHead* h = reinterpret_cast<Velto::Zarn::VeltoFrameHead*>(f.data());
-  h->sequence = seq;
-  Velto::Kandu::CTime t(utc);
-  h->packedTime =
-      Velto::Zarn::packFrameTime(t.getYear(), t.getMonth(), t.getDay(), t.getHour(), t.getMinute(), t.getSecond());
-  Velto::Zarn::sealFrameHead(f.data());
-}
 
 // Issues every stream's frames in frame order, calling `emit(stream, frame)`;
 // with realtime, frame k of every stream is issued at k / fps seconds.
@@ -170,25 +118,18 @@ void drive(const Options& o, std::vector<Stream>& streams, uint32_t base, Emit e
 
 int main(int argc, char** argv) {
   Options o;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    auto next = [&]() -> const char* {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "%s needs a value\n", a.c_str());
-        std::exit(2);
-      }
-      return argv[++i];
-    };
-    if (a == "--streams") o.streams = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--kbps") o.kbps = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--fps") o.fps = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--gop") o.gop = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--seconds") o.seconds = static_cast<unsigned>(std::atoi(next()));
+  ZarnBench::ArgReader args(argc, argv);
+  for (std::string a; args.next(a);) {
+    if (a == "--streams") o.streams = args.number();
+    else if (a == "--kbps") o.kbps = args.number();
+    else if (a == "--fps") o.fps = args.number();
+    else if (a == "--gop") o.gop = args.number();
+    else if (a == "--seconds") o.seconds = args.number();
     else if (a == "--realtime") o.realtime = true;
     else if (a == "--async") o.async = true;
-    else if (a == "--idle-writers") o.idleWriters = static_cast<unsigned>(std::atoi(next()));
-    else if (a == "--store") o.store = next();
-    else if (a == "--repeat") o.repeat = static_cast<unsigned>(std::atoi(next()));
+    else if (a == "--idle-writers") o.idleWriters = args.number();
+    else if (a == "--store") o.store = args.value();
+    else if (a == "--repeat") o.repeat = args.number();
     else {
       std::fprintf(stderr, "unknown argument %s (see the header of bench_record.cpp)\n", a.c_str());
       return 2;
@@ -205,8 +146,8 @@ int main(int argc, char** argv) {
   std::vector<Stream> streams(o.streams);
   const uint32_t base = static_cast<uint32_t>(Velto::Kandu::wallClockSeconds());
   for (Stream& s : streams) {
-    buildFrame(s.key, frameLength(o, true), true, 0, base);
-    buildFrame(s.delta, frameLength(o, false), false, 0, base);
+    s.key = ZarnBench::makeFrame(Velto::Zarn::FRAME_TYPE_I, 0, base, frameLength(o, true));
+    s.delta = ZarnBench::makeFrame(Velto::Zarn::FRAME_TYPE_P, 0, base, frameLength(o, false));
   }
   std::printf("streams %u, %u kbit/s, %u fps, key frame every %u s, %u s of video each, %s, %s writers\n",
               o.streams, o.kbps, o.fps, o.gop, o.seconds, o.realtime ? "paced in real time" : "as fast as possible",
@@ -329,15 +270,15 @@ int main(int argc, char** argv) {
     // Idle writers: what a registered stream that records nothing costs.
     CMediaClient client;
     if (client.initialize(config, nullptr) != 0) return 1;
-    long rss0 = currentRssKb();
-    int threads0 = threadCount();
+    long rss0 = ZarnBench::procStatus("VmRSS:");
+    long threads0 = ZarnBench::procStatus("Threads:");
     for (unsigned s = 0; s < o.idleWriters; ++s) {
       client.setRecyclePolicy(900000 + s, 24, 0);
       client.addStream(900000 + s, 1, true);
     }
-    long rss1 = currentRssKb();
-    int threads1 = threadCount();
-    std::printf("idle writers: %u cost %.1f KiB each and %d threads in all\n", o.idleWriters,
+    long rss1 = ZarnBench::procStatus("VmRSS:");
+    long threads1 = ZarnBench::procStatus("Threads:");
+    std::printf("idle writers: %u cost %.1f KiB each and %ld threads in all\n", o.idleWriters,
                 o.idleWriters ? static_cast<double>(rss1 - rss0) / o.idleWriters : 0.0, threads1 - threads0);
     for (unsigned s = 0; s < o.idleWriters; ++s) client.deleteStream(900000 + s);
   }
