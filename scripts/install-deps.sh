@@ -3,7 +3,8 @@
 # package is already present it prints nothing and touches nothing.
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
-          libjsoncpp-dev zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev)
+          libjsoncpp-dev zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev
+          libavformat-dev libavcodec-dev libavutil-dev ffmpeg)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
