@@ -5,11 +5,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,39 +20,43 @@
 #include "TestSupport.h"
 
 using namespace Velto::Kandu;
+using testing::ElementsAre;
 
 namespace {
 
-std::vector<std::string> readLines(const std::string& path) {
-  std::ifstream in(path);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
 std::string readAll(const std::string& path) {
-  std::ifstream in(path);
   std::stringstream ss;
-  ss << in.rdbuf();
+  ss << std::ifstream(path).rdbuf();
   return ss.str();
 }
 
-// Splits "YYYY-MM-DD HH:MM:SS.mmm LEVEL [tid] message" into level and message;
-// false when the prefix is not of that shape.
-bool parseLogLine(const std::string& line, std::string& level, std::string& message) {
-  int f[7];
-  char name[6] = {};
-  unsigned long tid = 0;
-  int end = 0;
-  if (std::sscanf(line.c_str(), "%4d-%2d-%2d %2d:%2d:%2d.%3d %5c [%lu]%n", &f[0], &f[1], &f[2], &f[3], &f[4], &f[5],
-                  &f[6], name, &tid, &end) != 9 ||
-      line.compare(4, 1, "-") != 0 || line.compare(19, 1, ".") != 0 || line.compare(23, 1, " ") != 0 ||
-      line.compare(static_cast<size_t>(end), 1, " ") != 0)
-    return false;
-  level = name;
-  message = line.substr(static_cast<size_t>(end) + 1);
-  return level == "TRACE" || level == "DEBUG" || level == "INFO " || level == "WARN " || level == "ERROR";
+// The file destination's lines, "YYYY-MM-DD HH:MM:SS.mmm LEVEL [tid] message",
+// as "LEVEL|message"; a line of another shape comes back whole, prefixed "BAD|".
+std::vector<std::string> readLogFile(const std::string& path) {
+  static const std::regex shape(
+      R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} (TRACE|DEBUG|INFO |WARN |ERROR) \[\d+\] (.*))");
+  std::ifstream in(path);
+  std::vector<std::string> lines;
+  std::smatch m;
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(std::regex_match(line, m, shape) ? m[1].str() + "|" + m[2].str() : "BAD|" + line);
+  return lines;
 }
+
+// Sends the log to a file in a fresh directory for the object's lifetime.
+struct LogToFile {
+  explicit LogToFile(LogLevel level) : previous(getLogLevel()) {
+    setLogLevel(level);
+    EXPECT_TRUE(setLogFile(path));
+  }
+  ~LogToFile() {
+    setLogFile("");
+    setLogLevel(previous);
+  }
+  ZarnTest::TempDir dir;
+  const std::string path = dir.sub("kandu.log");
+  LogLevel previous;
+};
 
 // ---------------------------------------------------------------- levels and sink
 
@@ -65,51 +68,38 @@ TEST(LogTest, LinesBelowTheLevelAreNeitherEmittedNorFormatted) {
   EXPECT_EQ(evaluated, 0);
   KLOG_WARN("warn %d", ++evaluated);
   KLOG_ERROR("error %d", ++evaluated);
-  EXPECT_EQ(evaluated, 2);
-  EXPECT_THAT(log.lines(), testing::ElementsAre("warn 1", "error 2"));
-
   setLogLevel(LOG_OFF);
   KLOG_ERROR("silenced %d", ++evaluated);
   EXPECT_EQ(evaluated, 2);
-  EXPECT_EQ(log.lines().size(), 2u);
   EXPECT_EQ(getLogLevel(), LOG_OFF);
-
-  // Calling the function directly still honours the level.
-  setLogLevel(LOG_ERROR);
+  setLogLevel(LOG_ERROR);  // calling the function directly still honours the level
   logPrint(LOG_INFO, "direct %s", "info");
   logPrint(LOG_ERROR, "direct %s", "error");
-  EXPECT_THAT(log.lines(), testing::ElementsAre("warn 1", "error 2", "direct error"));
+  EXPECT_THAT(log.lines(), ElementsAre("warn 1", "error 2", "direct error"));
 }
 
-TEST(LogTest, SinkGetsTheMessageWithoutPrefixOrTrailingLineBreaks) {
+TEST(LogTest, SinkGetsWholeMessagesWithoutPrefixOrTrailingLineBreaks) {
   std::vector<std::pair<LogLevel, std::string>> got;
   LogLevel previous = getLogLevel();
   setLogLevel(LOG_TRACE);
   setLogSink([&](LogLevel level, const std::string& line) { got.emplace_back(level, line); });
   KLOG_ERROR("#%d,GENERAL::%s %d, stream(%u) not find. Pls addStream first!\n", 0, "writeFrame", 120, 7u);
   KLOG_TRACE("two lines\nkept inside\r\n\n\n");
-  KLOG_INFO("no break");
   KLOG_DEBUG("\n");
+  // Messages longer than any fixed buffer arrive complete.
+  std::vector<std::string> payloads;
+  for (size_t length : {1023u, 1024u, 100000u}) {
+    payloads.push_back(std::string(length, 'x') + "E");
+    KLOG_INFO("[%s]\n", payloads.back().c_str());
+  }
   setLogSink(nullptr);
   setLogLevel(previous);
-  ASSERT_EQ(got.size(), 4u);
-  EXPECT_EQ(got[0].first, LOG_ERROR);
-  EXPECT_EQ(got[0].second, "#0,GENERAL::writeFrame 120, stream(7) not find. Pls addStream first!");
-  EXPECT_EQ(got[1].first, LOG_TRACE);
-  EXPECT_EQ(got[1].second, "two lines\nkept inside");
-  EXPECT_EQ(got[2].second, "no break");
-  EXPECT_EQ(got[3].second, "");
-}
-
-TEST(LogTest, MessagesLongerThanAnyFixedBufferArriveWhole) {
-  ZarnTest::LogCapture log(LOG_INFO);
-  for (size_t length : {900u, 1000u, 1023u, 1024u, 5000u, 100000u}) {
-    std::string payload(length, 'x');
-    payload.back() = 'E';
-    KLOG_INFO("[%s]\n", payload.c_str());
-    ASSERT_FALSE(log.lines().empty());
-    EXPECT_EQ(log.lines().back(), "[" + payload + "]") << length;
-  }
+  ASSERT_EQ(got.size(), 6u);
+  EXPECT_EQ(got[0], std::make_pair(LOG_ERROR, std::string("#0,GENERAL::writeFrame 120, stream(7) not find. Pls "
+                                                          "addStream first!")));
+  EXPECT_EQ(got[1], std::make_pair(LOG_TRACE, std::string("two lines\nkept inside")));
+  EXPECT_EQ(got[2].second, "");
+  for (size_t i = 0; i < payloads.size(); ++i) EXPECT_EQ(got[3 + i].second, "[" + payloads[i] + "]") << i;
 }
 
 TEST(LogTest, ParseLogLevelAcceptsNamesAndDigitsOnly) {
@@ -131,80 +121,49 @@ TEST(LogTest, ParseLogLevelAcceptsNamesAndDigitsOnly) {
 // ---------------------------------------------------------------- file destination
 
 TEST(LogTest, FileDestinationGetsPrefixedLinesWithOneLineBreakEach) {
-  ZarnTest::TempDir dir;
-  const std::string path = dir.sub("kandu.log");
-  LogLevel previous = getLogLevel();
-  setLogLevel(LOG_INFO);
-  EXPECT_FALSE(setLogFile(dir.sub("no/such/dir/x.log")));
-  ASSERT_TRUE(setLogFile(path));
+  const std::string longText(3000, 'y');
+  LogToFile file(LOG_INFO);
+  EXPECT_FALSE(setLogFile(file.dir.sub("no/such/dir/x.log")));  // the open file stays
   KLOG_WARN("hello %s\n\n\n", "world");
   KLOG_DEBUG("below the level");
   KLOG_ERROR("no break at all");
-  std::string longText(3000, 'y');
   KLOG_INFO("%s", longText.c_str());
   ASSERT_TRUE(setLogFile(""));  // back to stderr; the file is closed
   KLOG_INFO("goes to stderr, not the file");
-  setLogLevel(previous);
-
-  std::string content = readAll(path);
-  std::vector<std::string> lines = readLines(path);
-  ASSERT_EQ(lines.size(), 3u) << content;
-  EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 3);
-  std::string level, message;
-  ASSERT_TRUE(parseLogLine(lines[0], level, message)) << lines[0];
-  EXPECT_EQ(level, "WARN ");
-  EXPECT_EQ(message, "hello world");
-  ASSERT_TRUE(parseLogLine(lines[1], level, message)) << lines[1];
-  EXPECT_EQ(level, "ERROR");
-  EXPECT_EQ(message, "no break at all");
-  ASSERT_TRUE(parseLogLine(lines[2], level, message));
-  EXPECT_EQ(level, "INFO ");
-  EXPECT_EQ(message, longText);
+  const std::string content = readAll(file.path);
+  EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 3) << content;
+  EXPECT_THAT(readLogFile(file.path), ElementsAre("WARN |hello world", "ERROR|no break at all", "INFO |" + longText));
 }
 
 TEST(LogTest, ConcurrentWritersNeverInterleaveLines) {
-  ZarnTest::TempDir dir;
-  const std::string path = dir.sub("concurrent.log");
-  LogLevel previous = getLogLevel();
-  setLogLevel(LOG_INFO);
-  ASSERT_TRUE(setLogFile(path));
-  constexpr int kThreads = 4;
-  constexpr int kLines = 300;
+  constexpr int kThreads = 4, kLines = 300;
+  auto filler = [](int t) { return std::string(200 + 700 * t, static_cast<char>('a' + t)); };  // some > 1 KiB
+  LogToFile file(LOG_INFO);
   {
     std::vector<std::unique_ptr<CThreadLite>> threads;
     for (int t = 0; t < kThreads; ++t) {
-      threads.push_back(std::make_unique<CThreadLite>("logger", [t](CThreadLite&) {
-        std::string filler(200 + 700 * t, static_cast<char>('a' + t));  // some above the stack buffer
-        for (int i = 0; i < kLines; ++i) KLOG_INFO("t%d i%d %s", t, i, filler.c_str());
+      threads.push_back(std::make_unique<CThreadLite>("logger", [t, &filler](CThreadLite&) {
+        for (int i = 0; i < kLines; ++i) KLOG_INFO("t%d i%d %s", t, i, filler(t).c_str());
       }));
       ASSERT_TRUE(threads.back()->create());
     }
   }
   ASSERT_TRUE(setLogFile(""));
-  setLogLevel(previous);
-
-  std::vector<std::string> lines = readLines(path);
+  std::vector<std::string> lines = readLogFile(file.path);
   ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
-  std::vector<int> perThread(kThreads, 0);
+  std::vector<int> next(kThreads, 0);
   for (const std::string& line : lines) {
-    std::string level, message;
-    ASSERT_TRUE(parseLogLine(line, level, message)) << line.substr(0, 80);
-    int t = -1, i = -1;
-    ASSERT_EQ(std::sscanf(message.c_str(), "t%d i%d", &t, &i), 2);
+    int t = -1;
+    ASSERT_EQ(std::sscanf(line.c_str(), "INFO |t%d", &t), 1) << line.substr(0, 80);
     ASSERT_TRUE(t >= 0 && t < kThreads);
-    EXPECT_EQ(i, perThread[t]++);  // each thread's lines complete and in order
-    EXPECT_EQ(message, "t" + std::to_string(t) + " i" + std::to_string(i) + " " +
-                              std::string(200 + 700 * t, static_cast<char>('a' + t)));
+    // Each thread's lines complete and in order.
+    EXPECT_EQ(line, "INFO |t" + std::to_string(t) + " i" + std::to_string(next[t]++) + " " + filler(t));
   }
 }
 
 // The environment is read once, at first use, so each case needs a fresh process.
-class LogEnvironmentDeathTest : public testing::Test {
- protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-TEST_F(LogEnvironmentDeathTest, LevelFromEnvironmentFiltersStderr) {
+TEST(LogEnvironmentDeathTest, LevelAndFileFromEnvironmentUnlessTheHostSetsThem) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
         ::setenv("ZARN_LOG_LEVEL", "warn", 1);
@@ -216,9 +175,6 @@ TEST_F(LogEnvironmentDeathTest, LevelFromEnvironmentFiltersStderr) {
       testing::ExitedWithCode(0),
       R"(^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3} WARN  \[[0-9]+\] kept line 7
 $)");
-}
-
-TEST_F(LogEnvironmentDeathTest, NumericLevelAndFileFromEnvironment) {
   EXPECT_EXIT(
       {
         std::string content;
@@ -234,10 +190,7 @@ TEST_F(LogEnvironmentDeathTest, NumericLevelAndFileFromEnvironment) {
       },
       testing::ExitedWithCode(0), R"(^FILE<[0-9-]+ [0-9:.]+ TRACE \[[0-9]+\] trace to file ok
 >$)");
-}
-
-TEST_F(LogEnvironmentDeathTest, HostSettingsWinOverEnvironmentAndBadValuesFallBackToInfo) {
-  // The host's call comes before the first use and must stick.
+  // The host's call comes before the first use and must stick; a bad value falls back to INFO.
   EXPECT_EXIT((::setenv("ZARN_LOG_LEVEL", "error", 1), setLogLevel(LOG_DEBUG),
                std::_Exit(getLogLevel() == LOG_DEBUG ? 0 : 1)),
               testing::ExitedWithCode(0), "");
@@ -249,11 +202,9 @@ TEST_F(LogEnvironmentDeathTest, HostSettingsWinOverEnvironmentAndBadValuesFallBa
 
 TEST(FileTest, WriteReadSeekTellAndSize) {
   ZarnTest::TempDir dir;
-  const std::string path = dir.sub("data.bin");
   CFile file;
-  EXPECT_FALSE(file.isOpen());
-  EXPECT_EQ(file.read(nullptr, 1), -1);
-  ASSERT_TRUE(file.open(path, "w+"));
+  EXPECT_EQ(file.read(nullptr, 1), -1);  // not open
+  ASSERT_TRUE(file.open(dir.sub("data.bin"), "w+"));
   EXPECT_EQ(file.write("0123456789", 10), 10);
   EXPECT_EQ(file.tell(), 10);
   EXPECT_EQ(file.size(), 10);  // counts buffered bytes
@@ -261,40 +212,30 @@ TEST(FileTest, WriteReadSeekTellAndSize) {
   char buf[16] = {};
   EXPECT_EQ(file.read(buf, 3), 3);
   EXPECT_STREQ(buf, "234");
-  // A write right after a read, on the same update stream.
-  EXPECT_EQ(file.write("xy", 2), 2);
+  EXPECT_EQ(file.write("xy", 2), 2);  // a write right after a read, on the same update stream
   EXPECT_EQ(file.seek(-1, 2), 9);
   EXPECT_EQ(file.read(buf, 16), 1);
   EXPECT_EQ(buf[0], '9');
   EXPECT_EQ(file.read(buf, 16), 0);  // end of file
   EXPECT_EQ(file.seek(-3, 1), 7);
-  EXPECT_EQ(file.seek(0, 7), -1);    // unknown origin
+  EXPECT_EQ(file.seek(0, 7), -1);  // unknown origin
   EXPECT_TRUE(file.flush());
   EXPECT_TRUE(file.close());
   EXPECT_FALSE(file.close());
-  EXPECT_EQ(readAll(path), "01234xy789");
-
+  EXPECT_EQ(readAll(dir.sub("data.bin")), "01234xy789");
   EXPECT_FALSE(file.open(dir.sub("missing/file"), "r"));
   EXPECT_FALSE(file.isOpen());
-}
 
-TEST(FileTest, ReadLineKeepsBreaksAndSplitsLongLines) {
-  ZarnTest::TempDir dir;
-  const std::string path = dir.sub("config.txt");
-  {
-    CFile out;
-    ASSERT_TRUE(out.open(path, "w"));
-    const char text[] = "first\nsecond line\nlast-without-break";
-    ASSERT_EQ(out.write(text, sizeof(text) - 1), static_cast<int64_t>(sizeof(text) - 1));
-  }
-  CFile in;
-  ASSERT_TRUE(in.open(path, "r"));
+  ASSERT_TRUE(file.open(dir.sub("config.txt"), "w"));
+  ASSERT_EQ(file.write("first\nsecond line\nlast-without-break", 36), 36);
+  ASSERT_TRUE(file.close());
+  ASSERT_TRUE(file.open(dir.sub("config.txt"), "r"));
   char line[8];
   std::vector<std::string> pieces;
-  while (in.readLine(line, sizeof(line))) pieces.push_back(line);
-  // At most capacity-1 characters per call; the rest of a long line follows.
-  EXPECT_THAT(pieces, testing::ElementsAre("first\n", "second ", "line\n", "last-wi", "thout-b", "reak"));
-  EXPECT_FALSE(in.readLine(line, 1));
+  while (file.readLine(line, sizeof(line))) pieces.push_back(line);
+  // At most capacity-1 characters per call, line break kept; the rest of a long line follows.
+  EXPECT_THAT(pieces, ElementsAre("first\n", "second ", "line\n", "last-wi", "thout-b", "reak"));
+  EXPECT_FALSE(file.readLine(line, 1));
 }
 
 // ---------------------------------------------------------------- CFileFind
@@ -312,13 +253,9 @@ TEST(FileFindTest, PatternMatching) {
 
 TEST(FileFindTest, ListsMatchingEntriesSortedWithKindAndSize) {
   ZarnTest::TempDir dir;
-  for (const char* name : {"235930_001205_1_2_1.qrv", "000000_000100_1_2_1.qrv", "120000_000200_1_2_1.idx"}) {
-    CFile f;
-    ASSERT_TRUE(f.open(dir.sub(name), "w"));
-    ASSERT_EQ(f.write(name, 6), 6);
-  }
-  std::string sub = dir.sub("05.qrv");
-  ASSERT_EQ(::mkdir(sub.c_str(), 0755), 0);
+  for (const char* name : {"235930_001205_1_2_1.qrv", "000000_000100_1_2_1.qrv", "120000_000200_1_2_1.idx"})
+    std::ofstream(dir.sub(name)) << "sixbyt";
+  ASSERT_EQ(::mkdir(dir.sub("05.qrv").c_str(), 0755), 0);
 
   CFileFind find;
   ASSERT_TRUE(find.findFiles(dir.path(), "*.qrv"));
@@ -329,13 +266,10 @@ TEST(FileFindTest, ListsMatchingEntriesSortedWithKindAndSize) {
     EXPECT_EQ(e.isDirectory, e.name == "05.qrv");
     EXPECT_EQ(e.size, e.isDirectory ? 0u : 6u);
   }
-  EXPECT_THAT(names, testing::ElementsAre("000000_000100_1_2_1.qrv", "05.qrv", "235930_001205_1_2_1.qrv"));
+  EXPECT_THAT(names, ElementsAre("000000_000100_1_2_1.qrv", "05.qrv", "235930_001205_1_2_1.qrv"));
   EXPECT_FALSE(find.findNext(e));
-
   ASSERT_TRUE(find.findFiles(dir.path()));
-  ASSERT_EQ(find.entries().size(), 4u);  // no "." or ".."
-  EXPECT_EQ(find.entries().front().name, "000000_000100_1_2_1.qrv");
-
+  EXPECT_EQ(find.entries().size(), 4u);  // no "." or ".."
   EXPECT_FALSE(find.findFiles(dir.sub("absent")));
   EXPECT_TRUE(find.entries().empty());
 }
@@ -346,13 +280,7 @@ TEST(CrcTest, StandardCheckValueAndContinuation) {
   const char* check = "123456789";
   EXPECT_EQ(crc32(check, 9), 0xCBF43926u);
   EXPECT_EQ(crc32(check + 4, 5, crc32(check, 4)), 0xCBF43926u);
-  EXPECT_EQ(crc32(check, 0), 0u);
   EXPECT_EQ(crc32(check, 0, 0x12345678u), 0x12345678u);
-
-  std::vector<uint8_t> block(64, 0);
-  uint32_t zeros = crc32(block.data(), 60);
-  block[17] = 1;
-  EXPECT_NE(crc32(block.data(), 60), zeros);  // a single flipped bit shows
 }
 
 }  // namespace
