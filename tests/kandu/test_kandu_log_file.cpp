@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
-#include <regex>
+#include <cctype>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -33,13 +33,33 @@ std::string readAll(const std::string& path) {
 // The file destination's lines, "YYYY-MM-DD HH:MM:SS.mmm LEVEL [tid] message",
 // as "LEVEL|message"; a line of another shape comes back whole, prefixed "BAD|".
 std::vector<std::string> readLogFile(const std::string& path) {
-  static const std::regex shape(
-      R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} (TRACE|DEBUG|INFO |WARN |ERROR) \[\d+\] (.*))");
+  // The time stamp, where 'd' stands for any digit.
+  auto shapedPrefix = [](const std::string& line) {
+    static const std::string kShape = "dddd-dd-dd dd:dd:dd.ddd ";
+    if (line.size() < kShape.size()) return false;
+    for (size_t i = 0; i < kShape.size(); ++i) {
+      const bool ok = kShape[i] == 'd' ? std::isdigit(static_cast<unsigned char>(line[i])) != 0 : line[i] == kShape[i];
+      if (!ok) return false;
+    }
+    return true;
+  };
   std::ifstream in(path);
   std::vector<std::string> lines;
-  std::smatch m;
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(std::regex_match(line, m, shape) ? m[1].str() + "|" + m[2].str() : "BAD|" + line);
+  for (std::string line; std::getline(in, line);) {
+    std::string result = "BAD|" + line;
+    if (shapedPrefix(line)) {
+      const std::string level = line.substr(24, 5);  // "TRACE", "INFO ", ...
+      const size_t open = line.find(" [", 29);
+      const size_t close = line.find("] ", 29);
+      const bool known = level == "TRACE" || level == "DEBUG" || level == "INFO " || level == "WARN " ||
+                         level == "ERROR";
+      if (known && open == 29 && close != std::string::npos && close > open + 2 &&
+          line.find_first_not_of("0123456789", open + 2) == close) {
+        result = level + "|" + line.substr(close + 2);
+      }
+    }
+    lines.push_back(result);
+  }
   return lines;
 }
 
