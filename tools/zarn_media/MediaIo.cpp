@@ -193,7 +193,7 @@ class CFileSource : public IPacketSource {
 
 class CSyntheticSource : public IPacketSource {
  public:
-  explicit CSyntheticSource(const SyntheticSpec& spec) : m_spec(spec) {}
+  explicit CSyntheticSource(const SyntheticParams& params) : m_params(params) {}
   ~CSyntheticSource() override {
     av_packet_free(&m_packet);
     av_frame_free(&m_frame);
@@ -201,19 +201,19 @@ class CSyntheticSource : public IPacketSource {
   }
 
   int open() {
-    const AVCodec* codec = avcodec_find_encoder(m_spec.codec == Codec::H264 ? AV_CODEC_ID_H264 : AV_CODEC_ID_HEVC);
+    const AVCodec* codec = avcodec_find_encoder(m_params.codec == Codec::H264 ? AV_CODEC_ID_H264 : AV_CODEC_ID_HEVC);
     if (codec == nullptr) {
       return fail(kExitInput, "this FFmpeg has no %s encoder for --synthetic",
-                  m_spec.codec == Codec::H264 ? "H.264" : "H.265");
+                  m_params.codec == Codec::H264 ? "H.264" : "H.265");
     }
     m_encoder = avcodec_alloc_context3(codec);
-    m_encoder->width = m_spec.width;
-    m_encoder->height = m_spec.height;
+    m_encoder->width = m_params.width;
+    m_encoder->height = m_params.height;
     m_encoder->pix_fmt = AV_PIX_FMT_YUV420P;
     // A millisecond time base makes packet times exact for any frame rate.
     m_encoder->time_base = kMs;
-    m_encoder->framerate = av_d2q(m_spec.fps, 1000);
-    m_encoder->gop_size = m_spec.gop;
+    m_encoder->framerate = av_d2q(m_params.fps, 1000);
+    m_encoder->gop_size = m_params.gop;
     m_encoder->max_b_frames = 0;
     m_encoder->bit_rate = 0;
     av_opt_set(m_encoder->priv_data, "preset", "ultrafast", 0);
@@ -223,11 +223,11 @@ class CSyntheticSource : public IPacketSource {
     if (rc < 0) return fail(kExitInput, "cannot start the %s encoder: %s", codec->name, avError(rc).c_str());
     m_frame = av_frame_alloc();
     m_frame->format = AV_PIX_FMT_YUV420P;
-    m_frame->width = m_spec.width;
-    m_frame->height = m_spec.height;
+    m_frame->width = m_params.width;
+    m_frame->height = m_params.height;
     if (av_frame_get_buffer(m_frame, 0) < 0) return fail(kExitInput, "out of memory");
     m_packet = av_packet_alloc();
-    m_total = static_cast<int64_t>(m_spec.seconds * m_spec.fps + 0.5);
+    m_total = static_cast<int64_t>(m_params.seconds * m_params.fps + 0.5);
     return kExitOk;
   }
 
@@ -251,15 +251,15 @@ class CSyntheticSource : public IPacketSource {
         continue;
       }
       drawPattern();
-      m_frame->pts = static_cast<int64_t>(static_cast<double>(m_index) * 1000.0 / m_spec.fps + 0.5);
+      m_frame->pts = static_cast<int64_t>(static_cast<double>(m_index) * 1000.0 / m_params.fps + 0.5);
       ++m_index;
       rc = avcodec_send_frame(m_encoder, m_frame);
       if (rc < 0) return fail(-1, "encoding failed: %s", avError(rc).c_str());
     }
   }
 
-  Codec codec() const override { return m_spec.codec; }
-  double durationSeconds() const override { return m_spec.seconds; }
+  Codec codec() const override { return m_params.codec; }
+  double durationSeconds() const override { return m_params.seconds; }
   std::string describe() const override { return "synthetic test pattern"; }
 
  private:
@@ -267,20 +267,20 @@ class CSyntheticSource : public IPacketSource {
   void drawPattern() {
     av_frame_make_writable(m_frame);
     const int shift = static_cast<int>(m_index * 4);
-    for (int y = 0; y < m_spec.height; ++y) {
+    for (int y = 0; y < m_params.height; ++y) {
       uint8_t* row = m_frame->data[0] + static_cast<ptrdiff_t>(y) * m_frame->linesize[0];
-      for (int x = 0; x < m_spec.width; ++x) row[x] = static_cast<uint8_t>(((x + y - shift) & 0x3F) * 3 + 16);
+      for (int x = 0; x < m_params.width; ++x) row[x] = static_cast<uint8_t>(((x + y - shift) & 0x3F) * 3 + 16);
     }
-    const uint8_t tint = static_cast<uint8_t>(64 + (static_cast<int64_t>(m_index / m_spec.fps) * 37) % 128);
+    const uint8_t tint = static_cast<uint8_t>(64 + (static_cast<int64_t>(m_index / m_params.fps) * 37) % 128);
     for (int plane = 1; plane < 3; ++plane) {
-      for (int y = 0; y < m_spec.height / 2; ++y) {
+      for (int y = 0; y < m_params.height / 2; ++y) {
         std::memset(m_frame->data[plane] + static_cast<ptrdiff_t>(y) * m_frame->linesize[plane],
-                    plane == 1 ? tint : 255 - tint, static_cast<size_t>(m_spec.width / 2));
+                    plane == 1 ? tint : 255 - tint, static_cast<size_t>(m_params.width / 2));
       }
     }
   }
 
-  SyntheticSpec m_spec;
+  SyntheticParams m_params;
   AVCodecContext* m_encoder = nullptr;
   AVFrame* m_frame = nullptr;
   AVPacket* m_packet = nullptr;
@@ -438,8 +438,8 @@ int openFileSource(const std::string& url, std::unique_ptr<IPacketSource>& out) 
   return rc;
 }
 
-int openSyntheticSource(const SyntheticSpec& spec, std::unique_ptr<IPacketSource>& out) {
-  auto source = std::make_unique<CSyntheticSource>(spec);
+int openSyntheticSource(const SyntheticParams& params, std::unique_ptr<IPacketSource>& out) {
+  auto source = std::make_unique<CSyntheticSource>(params);
   const int rc = source->open();
   if (rc == kExitOk) out = std::move(source);
   return rc;

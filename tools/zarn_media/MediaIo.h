@@ -47,7 +47,7 @@ class IPacketSource {
 // unreadable input, no video stream, or video that is neither H.264 nor H.265.
 int openFileSource(const std::string& url, std::unique_ptr<IPacketSource>& out);
 
-struct SyntheticSpec {
+struct SyntheticParams {
   double seconds = 10;
   double fps = 25;
   int width = 320;
@@ -56,7 +56,7 @@ struct SyntheticSpec {
   Codec codec = Codec::H264;
 };
 // A moving test pattern encoded with the H.264/H.265 encoder of libavcodec.
-int openSyntheticSource(const SyntheticSpec& spec, std::unique_ptr<IPacketSource>& out);
+int openSyntheticSource(const SyntheticParams& params, std::unique_ptr<IPacketSource>& out);
 
 // Picture size from the parameter sets and first picture of a key packet
 // (Annex-B). false when the packet does not reveal it.

@@ -45,26 +45,26 @@ const char* const kRecordHelp =
 
 constexpr unsigned kCloseWaitSeconds = 30;
 
-int parseSynthetic(const COptions& options, SyntheticSpec& spec) {
-  if (!options.getDouble("seconds", spec.seconds) || !options.getDouble("fps", spec.fps)) return kExitUsage;
-  if (spec.fps > 1000) return fail(kExitUsage, "--fps: at most 1000");
-  if (spec.seconds > 86400) return fail(kExitUsage, "--seconds: at most 86400");
-  uint64_t gop = static_cast<uint64_t>(spec.fps + 0.5);
+int parseSynthetic(const COptions& options, SyntheticParams& params) {
+  if (!options.getDouble("seconds", params.seconds) || !options.getDouble("fps", params.fps)) return kExitUsage;
+  if (params.fps > 1000) return fail(kExitUsage, "--fps: at most 1000");
+  if (params.seconds > 86400) return fail(kExitUsage, "--seconds: at most 86400");
+  uint64_t gop = static_cast<uint64_t>(params.fps + 0.5);
   if (!options.getUnsigned("gop", gop, 100000)) return kExitUsage;
-  spec.gop = static_cast<int>(std::max<uint64_t>(gop, 1));
+  params.gop = static_cast<int>(std::max<uint64_t>(gop, 1));
   const std::string size = options.value("size", "320x240");
   int w = 0, h = 0, consumed = 0;
   if (std::sscanf(size.c_str(), "%dx%d%n", &w, &h, &consumed) != 2 || static_cast<size_t>(consumed) != size.size() ||
       w < 16 || h < 16 || w > 8192 || h > 8192 || w % 2 != 0 || h % 2 != 0) {
     return fail(kExitUsage, "--size: '%s' is not an even WxH from 16x16 to 8192x8192", size.c_str());
   }
-  spec.width = w;
-  spec.height = h;
+  params.width = w;
+  params.height = h;
   const std::string codec = options.value("codec", "h264");
   if (codec == "h264") {
-    spec.codec = Codec::H264;
+    params.codec = Codec::H264;
   } else if (codec == "h265" || codec == "hevc") {
-    spec.codec = Codec::H265;
+    params.codec = Codec::H265;
   } else {
     return fail(kExitUsage, "--codec: '%s' is neither h264 nor h265", codec.c_str());
   }
@@ -134,9 +134,9 @@ int runRecord(int argc, char** argv) {
   std::unique_ptr<IPacketSource> source;
   int rc = kExitOk;
   if (synthetic) {
-    SyntheticSpec spec;
-    if ((rc = parseSynthetic(options, spec)) != kExitOk) return rc;
-    rc = openSyntheticSource(spec, source);
+    SyntheticParams params;
+    if ((rc = parseSynthetic(options, params)) != kExitOk) return rc;
+    rc = openSyntheticSource(params, source);
   } else {
     rc = openFileSource(options.positional()[0], source);
   }
