@@ -546,7 +546,14 @@ void CStreamWriter::asyncCloseProc(CTimer* /*timer*/) {
     // Held, not only passed: a sync write arriving now must wait, then see
     // the writer closed, rather than append to a file being closed.
     CAutoLock run(itemMutex());
-    if (m_curFile) {
+    // Frames taken into the cache were acknowledged to the host: they are
+    // written even when no worker ran before the close (and no file exists yet).
+    bool pending;
+    {
+      CAutoLock lock(m_cacheMutex);
+      pending = !m_framesBuf4Cache.empty();
+    }
+    if (m_curFile || pending || !m_framesBuf4Write.empty() || m_curFrameItem) {
       doWriteFrame(true);
       closeCurrentFile();
     }

@@ -262,6 +262,24 @@ TEST_F(StreamWriterTest, AnAsyncCacheHoldsAtMostAHundredFrames) {
   EXPECT_EQ(framesIn(f[0]).size(), static_cast<size_t>(accepted));  // close flushed every cached frame
 }
 
+TEST_F(StreamWriterTest, AnAsyncWriterClosedAtOnceKeepsEveryAcknowledgedFrame) {
+  // The close may run before any queue thread has taken the writer: frames
+  // already taken into the cache must still be written.
+  for (uint32_t sid = 100; sid < 120; ++sid) {
+    auto w = std::make_shared<CStreamWriter>(m_fs, sid, 1, false);
+    size_t acknowledged = 0;
+    for (uint32_t seq = 0; seq < 30; ++seq) {
+      unsigned long long taken = 0;
+      ASSERT_EQ(write(*w, seq == 0 ? I : P, seq, T, 40, 0, &taken), 0);
+      if (taken != 0) ++acknowledged;
+    }
+    closeAndWait(w);
+    std::vector<RecordFileName> f = files(sid);
+    ASSERT_EQ(f.size(), 1u) << "stream " << sid;
+    EXPECT_EQ(framesIn(f[0]).size(), acknowledged) << "stream " << sid;
+  }
+}
+
 TEST_F(StreamWriterTest, AStoreThatTakesNothingDoesNotHoldAWorker) {
   auto w = std::make_shared<CStreamWriter>(m_fs, 9, 1, false);
   ASSERT_EQ(write(*w, I, 0, T), 0);
