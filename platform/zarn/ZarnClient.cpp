@@ -94,6 +94,23 @@ namespace {
 
 bool isLive(const std::shared_ptr<detail::ClientCore>& core) { return core && core->open.load(); }
 
+// The common start of every call on one "bucket/name" path: a live connection
+// and a valid path. Null, with the last error set, when either is missing.
+std::shared_ptr<detail::ClientCore> resolvePath(const detail::FileSystemImpl& impl, const std::string& path,
+                                                std::string& bucket, std::string& name) {
+  std::shared_ptr<detail::ClientCore> core = impl.connection();
+  if (!isLive(core)) {
+    fail(ZARN_E_NOT_INITIALIZED, path);
+    return nullptr;
+  }
+  int rc = splitStorePath(path, bucket, name);
+  if (rc != 0) {
+    fail(rc, path);
+    return nullptr;
+  }
+  return core;
+}
+
 // One run of the state monitor: probe the store and tell the listener when the
 // verdict changed. Runs on the timer thread without any client lock held.
 void monitorRun(CZarnFileSystem* owner, detail::FileSystemImpl& impl) {
@@ -547,14 +564,10 @@ bool CZarnFileSystem::listBuckets(CNameList& out) {
 
 std::unique_ptr<CFile> CZarnFileSystem::createFile(const std::string& path, uint16_t dataShards,
                                                    uint16_t parityShards) {
-  auto core = m_impl->connection();
-  if (!isLive(core)) {
-    fail(ZARN_E_NOT_INITIALIZED, path);
-    return nullptr;
-  }
   std::string bucket, name;
-  int rc = splitStorePath(path, bucket, name);
-  if (rc == 0 && dataShards == 0) rc = ZARN_E_INVALID_ARGUMENT;
+  auto core = resolvePath(*m_impl, path, bucket, name);
+  if (!core) return nullptr;
+  int rc = dataShards == 0 ? ZARN_E_INVALID_ARGUMENT : 0;
   std::unique_ptr<IStoreFile> file;
   if (rc == 0) rc = core->backend->createFile(bucket, name, StoreLayout{dataShards, parityShards}, file);
   if (rc != 0) {
@@ -565,14 +578,10 @@ std::unique_ptr<CFile> CZarnFileSystem::createFile(const std::string& path, uint
 }
 
 std::unique_ptr<CFile> CZarnFileSystem::openFile(const std::string& path, StoreOpenMode mode) {
-  auto core = m_impl->connection();
-  if (!isLive(core)) {
-    fail(ZARN_E_NOT_INITIALIZED, path);
-    return nullptr;
-  }
   std::string bucket, name;
-  int rc = splitStorePath(path, bucket, name);
-  if (rc == 0 && mode != StoreOpenMode::Read && mode != StoreOpenMode::Write) rc = ZARN_E_INVALID_ARGUMENT;
+  auto core = resolvePath(*m_impl, path, bucket, name);
+  if (!core) return nullptr;
+  int rc = mode != StoreOpenMode::Read && mode != StoreOpenMode::Write ? ZARN_E_INVALID_ARGUMENT : 0;
   std::unique_ptr<IStoreFile> file;
   if (rc == 0) rc = core->backend->openFile(bucket, name, mode, file);
   if (rc != 0) {
@@ -583,11 +592,10 @@ std::unique_ptr<CFile> CZarnFileSystem::openFile(const std::string& path, StoreO
 }
 
 bool CZarnFileSystem::removeFile(const std::string& path) {
-  auto core = m_impl->connection();
-  if (!isLive(core)) return fail(ZARN_E_NOT_INITIALIZED, path);
   std::string bucket, name;
-  int rc = splitStorePath(path, bucket, name);
-  if (rc == 0) rc = core->backend->removeFile(bucket, name);
+  auto core = resolvePath(*m_impl, path, bucket, name);
+  if (!core) return false;
+  int rc = core->backend->removeFile(bucket, name);
   return rc == 0 ? true : fail(rc, path);
 }
 
@@ -602,12 +610,11 @@ bool CZarnFileSystem::renameFile(const std::string& from, const std::string& to)
 }
 
 bool CZarnFileSystem::getFileStat(const std::string& path, ZarnFileStat& out) {
-  auto core = m_impl->connection();
-  if (!isLive(core)) return fail(ZARN_E_NOT_INITIALIZED, path);
   std::string bucket, name;
-  int rc = splitStorePath(path, bucket, name);
+  auto core = resolvePath(*m_impl, path, bucket, name);
+  if (!core) return false;
   ZarnFileStat st;
-  if (rc == 0) rc = core->backend->statFile(bucket, name, st);
+  int rc = core->backend->statFile(bucket, name, st);
   if (rc != 0) return fail(rc, path);
   out = st;
   return true;
