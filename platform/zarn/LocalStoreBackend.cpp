@@ -18,6 +18,7 @@
 
 #include "KanduThread.h"
 #include "KanduTime.h"
+#include "StoreWalk.h"
 #include "ZarnError.h"
 #include "ZarnLog.h"
 
@@ -34,53 +35,8 @@ constexpr int kLevelRetries = 16;
 // LOCK_SH for microseconds, a real writer holds LOCK_EX for the file's lifetime.
 constexpr int kWriteLockAttempts = 10;
 constexpr uint32_t kWriteLockPauseMs = 1;
-// A walk of the whole store for the used bytes of a capped store is reused this long.
-constexpr uint64_t kUsageCacheMs = 2000;
 
-// The one place where the local store turns errno into a store code. Callers
-// that know better for their context (ENOENT of a bucket directory means
-// ZARN_E_NO_SUCH_BUCKET) check that before calling.
-int translateErrno(int err) {
-  switch (err) {
-    case 0: return ZARN_E_IO;  // a failure without errno: treat as a data-path fault
-    case ENOENT:
-    case ENOTDIR:
-      return ZARN_E_NO_SUCH_FILE;
-    case EEXIST: return ZARN_E_FILE_EXISTS;
-    case ENOTEMPTY: return ZARN_E_BUCKET_NOT_EMPTY;
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG:
-      return ZARN_E_NO_SPACE;
-    case EACCES:
-    case EPERM:
-    case EROFS:
-      return ZARN_E_PERMISSION;
-    case EISDIR: return ZARN_E_IS_DIRECTORY;
-    case ENAMETOOLONG:
-    case ELOOP:
-      return ZARN_E_INVALID_NAME;
-    case EWOULDBLOCK: return ZARN_E_BUSY;
-    case EINVAL:
-    case EBADF:
-      return ZARN_E_INVALID_ARGUMENT;
-    case ETIMEDOUT: return ZARN_E_TIMEOUT;
-    case ESTALE:
-    case ENXIO:
-    case ENODEV:
-    case ENOTCONN:
-    case EHOSTDOWN:
-    case EHOSTUNREACH:
-      return ZARN_E_UNAVAILABLE;
-    case EXDEV:
-    case ENOSYS:
-    case EOPNOTSUPP:
-      return ZARN_E_UNSUPPORTED;
-    case EIO:
-    default:
-      return ZARN_E_IO;  // EIO, EMFILE, ENOMEM, ...: a retry may pass
-  }
-}
+int translateErrno(int err) { return storeErrorFromErrno(err); }
 
 bool isDirectory(const std::string& path) {
   struct stat st;
@@ -88,11 +44,6 @@ bool isDirectory(const std::string& path) {
 }
 
 bool isHidden(const char* name) { return name[0] == '.'; }
-
-std::string parentOf(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? std::string() : path.substr(0, slash);
-}
 
 // True while some open file description holds LOCK_EX on the file: a handle in
 // some process has it open for writing. `fd` must not hold a lock itself.
@@ -118,16 +69,10 @@ struct CLocalStoreBackend::Shared {
   const std::string root;
   std::atomic<bool> connected{false};
   std::atomic<uint64_t> capacityLimit{0};
+  CCappedUsage usage;  // used bytes while capacityLimit is set
   std::atomic<uint64_t> directoriesOpened{0};
-  // Bytes written minus bytes removed by this process since the last walk.
-  std::atomic<int64_t> usedDelta{0};
   std::atomic<uint64_t> tempCounter{0};
 
-  std::mutex usageMutex;
-  bool usageValid = false;   // guarded by usageMutex
-  uint64_t usageAtMs = 0;    // guarded by usageMutex
-  uint64_t usageBytes = 0;   // guarded by usageMutex
-  uint64_t usageFiles = 0;   // guarded by usageMutex
 
   std::string bucketPath(const std::string& bucket) const { return root + "/" + bucket; }
   std::string filePath(const std::string& bucket, const std::string& name) const {
@@ -145,16 +90,10 @@ namespace {
 
 using Shared = CLocalStoreBackend::Shared;
 
-struct DirEntry {
-  std::string name;
-  std::string key;  // name, plus "/" for a directory: sorting by key gives byte order of full names
-  bool isDir = false;
-};
-
 // Reads one directory's visible entries (regular files and directories; names
 // starting with '.' and everything else are skipped). false with errno when the
 // directory cannot be opened.
-bool readEntries(Shared& shared, const std::string& path, std::vector<DirEntry>& out) {
+bool readEntries(Shared& shared, const std::string& path, std::vector<LevelEntry>& out) {
   DIR* dir = shared.openDirectory(path);
   if (dir == nullptr) return false;
   int dfd = ::dirfd(dir);
@@ -178,9 +117,8 @@ bool readEntries(Shared& shared, const std::string& path, std::vector<DirEntry>&
     } else {
       continue;  // symbolic links and special files are never part of the store
     }
-    DirEntry e;
+    LevelEntry e;
     e.name = ent->d_name;
-    e.key = isDir ? e.name + "/" : e.name;
     e.isDir = isDir;
     out.push_back(std::move(e));
   }
@@ -190,9 +128,9 @@ bool readEntries(Shared& shared, const std::string& path, std::vector<DirEntry>&
 
 // Bytes and count of the visible regular files below a directory.
 void sumTree(Shared& shared, const std::string& path, uint64_t& bytes, uint64_t& files) {
-  std::vector<DirEntry> entries;
+  std::vector<LevelEntry> entries;
   if (!readEntries(shared, path, entries)) return;  // vanished under us: nothing to count
-  for (const DirEntry& e : entries) {
+  for (const LevelEntry& e : entries) {
     std::string child = path + "/" + e.name;
     if (e.isDir) {
       sumTree(shared, child, bytes, files);
@@ -205,58 +143,6 @@ void sumTree(Shared& shared, const std::string& path, uint64_t& bytes, uint64_t&
     }
   }
 }
-
-// Where the names below a directory prefix Q (ending in '/') lie relative to a
-// marker: every such name is longer than Q and begins with it.
-enum class Span { Before, Mixed, After };
-
-Span spanOf(const std::string& prefix, const std::string& marker) {
-  if (marker.compare(0, prefix.size(), prefix) == 0 && marker.size() >= prefix.size()) return Span::Mixed;
-  return prefix < marker ? Span::Before : Span::After;
-}
-
-struct ListWalk {
-  Shared& shared;
-  const std::string& after;
-  const std::string& upTo;
-  uint32_t maxCount;
-  std::vector<StoreEntry>& out;
-  bool done = false;
-
-  // Visits one directory (relative prefix `prefix`, "" or ending in '/') in
-  // global byte order of the full names, descending only into levels the
-  // markers admit, and stops at the first name beyond upTo or at maxCount.
-  void visit(const std::string& path, const std::string& prefix) {
-    std::vector<DirEntry> entries;
-    if (!readEntries(shared, path, entries)) return;  // pruned by another process: empty
-    std::sort(entries.begin(), entries.end(), [](const DirEntry& a, const DirEntry& b) { return a.key < b.key; });
-    for (const DirEntry& e : entries) {
-      std::string full = prefix + e.key;
-      if (e.isDir) {
-        if (!after.empty() && spanOf(full, after) == Span::Before) continue;
-        if (!upTo.empty() && spanOf(full, upTo) == Span::After) {
-          done = true;  // every later entry sorts after this one
-          return;
-        }
-        visit(path + "/" + e.name, full);
-        if (done) return;
-        continue;
-      }
-      if (!after.empty() && full <= after) continue;
-      if (!upTo.empty() && full > upTo) {
-        done = true;
-        return;
-      }
-      struct stat st;
-      if (::lstat((path + "/" + e.name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;  // removed meanwhile
-      out.push_back(StoreEntry{full, static_cast<uint64_t>(st.st_size)});
-      if (out.size() >= maxCount) {
-        done = true;
-        return;
-      }
-    }
-  }
-};
 
 class CLocalFile : public IStoreFile {
  public:
@@ -287,19 +173,14 @@ class CLocalFile : public IStoreFile {
       n = ::write(m_fd, buffer, length);
     } while (n < 0 && errno == EINTR);
     if (n < 0) return translateErrno(errno);
-    m_shared->usedDelta.fetch_add(n, std::memory_order_relaxed);
+    m_shared->usage.noteWritten(n);
     return n;
   }
 
   int64_t seek(int64_t offset, int origin) override {
     if (m_fd < 0) return ZARN_E_BAD_MODE;
-    int whence;
-    switch (origin) {
-      case 0: whence = SEEK_SET; break;
-      case 1: whence = SEEK_CUR; break;
-      case 2: whence = SEEK_END; break;
-      default: return ZARN_E_INVALID_ARGUMENT;
-    }
+    int whence = whenceOf(origin);
+    if (whence < 0) return ZARN_E_INVALID_ARGUMENT;
     off_t pos = ::lseek(m_fd, static_cast<off_t>(offset), whence);
     if (pos < 0) return translateErrno(errno);
     return pos;
@@ -463,25 +344,8 @@ int CLocalStoreBackend::capacity(StoreCapacity& out) {
     cap.totalBytes = fsTotal;
     cap.freeBytes = fsFree;
   } else {
-    Shared& s = *m_shared;
-    std::lock_guard<std::mutex> lock(s.usageMutex);
-    uint64_t now = Kandu::monotonicMs();
-    if (!s.usageValid || now - s.usageAtMs >= kUsageCacheMs) {
-      // Writes racing with the walk may be counted twice until the next walk;
-      // the figure is an estimate for space decisions, not an account.
-      s.usedDelta.store(0);
-      uint64_t bytes = 0, files = 0;
-      sumTree(s, s.root, bytes, files);
-      s.usageBytes = bytes;
-      s.usageFiles = files;
-      s.usageAtMs = now;
-      s.usageValid = true;
-    }
-    int64_t used = static_cast<int64_t>(s.usageBytes) + s.usedDelta.load();
-    cap.usedBytes = used > 0 ? static_cast<uint64_t>(used) : 0;
-    cap.fileCount = s.usageFiles;
-    cap.totalBytes = limit;
-    cap.freeBytes = std::min(fsFree, limit > cap.usedBytes ? limit - cap.usedBytes : 0);
+    Shared& sh = *m_shared;
+    sh.usage.fill(limit, fsFree, [&](uint64_t& bytes, uint64_t& files) { sumTree(sh, sh.root, bytes, files); }, cap);
   }
   out = cap;
   return 0;
@@ -567,12 +431,12 @@ int CLocalStoreBackend::bucketExists(const std::string& bucket) {
 
 int CLocalStoreBackend::listBuckets(std::vector<std::string>& out) {
   REQUIRE_CONNECTED();
-  std::vector<DirEntry> entries;
+  std::vector<LevelEntry> entries;
   if (!readEntries(*m_shared, m_shared->root, entries)) {
     return errno == ENOENT ? ZARN_E_UNAVAILABLE : translateErrno(errno);
   }
   std::vector<std::string> names;
-  for (DirEntry& e : entries) {
+  for (LevelEntry& e : entries) {
     if (e.isDir) names.push_back(std::move(e.name));
   }
   std::sort(names.begin(), names.end());
@@ -596,10 +460,18 @@ int CLocalStoreBackend::list(const std::string& bucket, const std::string& after
   std::string path = m_shared->bucketPath(bucket);
   if (!isDirectory(path)) return ZARN_E_NO_SUCH_BUCKET;
   std::vector<StoreEntry> result;
-  if (maxCount > 0) {
-    ListWalk walk{*m_shared, after, upTo, maxCount, result};
-    walk.visit(path, std::string());
-  }
+  Shared& shared = *m_shared;
+  listSorted(
+      [&](const std::string& relDir, std::vector<LevelEntry>& entries) {
+        return readEntries(shared, relDir.empty() ? path : path + "/" + relDir.substr(0, relDir.size() - 1), entries);
+      },
+      [&](const std::string& relName, uint64_t& size) {
+        struct stat st;
+        if (::lstat((path + "/" + relName).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+        size = static_cast<uint64_t>(st.st_size);
+        return true;
+      },
+      after, upTo, maxCount, result);
   out = std::move(result);
   return 0;
 }
@@ -709,7 +581,7 @@ int CLocalStoreBackend::removeFile(const std::string& bucket, const std::string&
   }
   if (S_ISDIR(st.st_mode)) return ZARN_E_IS_DIRECTORY;
   if (::unlink(path.c_str()) != 0) return translateErrno(errno);
-  m_shared->usedDelta.fetch_sub(static_cast<int64_t>(st.st_size), std::memory_order_relaxed);
+  m_shared->usage.noteRemoved(static_cast<uint64_t>(st.st_size));
   pruneLevels(bucketDir, name);
   return 0;
 }
