@@ -5,6 +5,9 @@
 #include <mutex>
 
 #include "LocalStoreBackend.h"
+#ifdef ZARN_WITH_CEPH
+#include "CephStoreBackend.h"
+#endif
 #include "StoreBackend.h"
 #include "ZarnError.h"
 
@@ -111,8 +114,12 @@ int makeStoreBackend(const std::string& address, std::shared_ptr<IStoreBackend>&
   }
   if (scheme == "file") return makeLocal(rest, out, reason);
   if (scheme == "ceph") {
+#ifdef ZARN_WITH_CEPH
+    return makeCephStoreBackend(rest, out, reason);
+#else
     if (reason) *reason = "the distributed (ceph://) store is not built into this library; use a local directory";
     return ZARN_E_UNSUPPORTED;
+#endif
   }
   if (reason) *reason = "unknown store address scheme '" + scheme + "'";
   return ZARN_E_UNSUPPORTED;

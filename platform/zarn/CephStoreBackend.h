@@ -1,0 +1,100 @@
+// The distributed store: buckets and files in a CephFS file system, reached
+// through libcephfs (no kernel mount needed).
+//
+// Address: "ceph://mon[,mon...][/path]". A monitor is "host", "host:port" or
+// "[v6addr]:port"; a monitor without a port takes Config.port (0: Ceph's own
+// defaults, 3300 and 6789). /path is the store root inside the file system
+// (made at connect; default "/"). Config.userName is the cephx client name
+// (empty: "admin"), Config.password its secret key (never logged; empty: no key,
+// as for a cluster without cephx or a keyring named in ceph.conf). An operator
+// who already has a ceph.conf names it in the environment variable
+// ZARN_CEPH_CONF; the address's monitors and the key override what it says.
+//
+// Layout under the store root: exactly as the local-directory store lays it out
+// (doc/local_store.md): <root>/<bucket>/<name>, a name's '/' levels being
+// directories, ".zarn-tmp.*" files being creates in progress. So one store can be
+// read by either backend through a kernel or FUSE mount of the same directory.
+//
+// How the store's guarantees are kept on CephFS (doc/ceph_store.md):
+//   * exclusive create: the file is born under a hidden name with O_EXCL, locked
+//     (flock LOCK_EX, which the MDS enforces across clients), then hard-linked to
+//     its name (EEXIST when taken) and the hidden name unlinked;
+//   * rename without replace: ceph_rename replaces, so link(src, dst) (EEXIST
+//     when taken) then unlink(src); a loser of a race finds src gone at unlink
+//     and takes its link back. A client dying between the two steps leaves two
+//     names of one file (nothing lost; see the doc for how it is recognised);
+//   * listings: readdir order is neither byte order nor creation order; each
+//     level is read whole and sorted, and only levels the markers admit are read;
+//   * a file created with k data and m parity shards goes to the data pool
+//     named "zarn_ec_<k>_<m>" when the operator has added one to the file system,
+//     else to the file system's default data pool (logged once per k+m).
+// Threading: thread-safe; one mount per backend object, shared with its file
+// handles, which stay usable after disconnect().
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "StoreBackend.h"
+
+namespace Velto::Zarn {
+
+class CCephStoreBackend : public IStoreBackend {
+ public:
+  struct Shared;  // the mount and the state its file handles share (defined in the .cpp)
+
+  // `location` is the address after "ceph://"; check it with parseLocation first.
+  explicit CCephStoreBackend(const std::string& location);
+  ~CCephStoreBackend() override;
+
+  // Checks "mon[,mon...][/path]"; on failure `reason` says what is wrong.
+  static bool parseLocation(const std::string& location, std::string* reason);
+
+  int connect(const Config& config) override;
+  void disconnect() override;
+  // statfs (answered by the monitors) and the making and removal of a hidden
+  // directory (answered by the MDS), bounded by a time-out: a cluster that
+  // stopped answering reports ZARN_E_TIMEOUT instead of blocking the caller.
+  int probeHealth() override;
+  // Total and free from statfs. Without a cap, usedBytes and fileCount come from
+  // the root's recursive statistics (cheap; they lag writes by a few seconds).
+  // With a cap, as for the local store: used = a walk of the store every 2 s at
+  // most, adjusted by this process's writes and removals in between.
+  int capacity(StoreCapacity& out) override;
+  int setCapacityLimit(uint64_t bytes) override;
+
+  int createBucket(const std::string& bucket) override;
+  int removeBucket(const std::string& bucket) override;
+  int bucketExists(const std::string& bucket) override;
+  int listBuckets(std::vector<std::string>& out) override;
+  // The bucket directory's recursive byte count: cheap, a few seconds behind.
+  int bucketUsedBytes(const std::string& bucket, uint64_t& out) override;
+  int list(const std::string& bucket, const std::string& after, const std::string& upTo, uint32_t maxCount,
+           std::vector<StoreEntry>& out) override;
+
+  int createFile(const std::string& bucket, const std::string& name, const StoreLayout& layout,
+                 std::unique_ptr<IStoreFile>& out) override;
+  int openFile(const std::string& bucket, const std::string& name, StoreOpenMode mode,
+               std::unique_ptr<IStoreFile>& out) override;
+  int removeFile(const std::string& bucket, const std::string& name) override;
+  int renameFile(const std::string& fromBucket, const std::string& fromName, const std::string& toBucket,
+                 const std::string& toName) override;
+  int statFile(const std::string& bucket, const std::string& name, StoreFileStat& out) override;
+
+  // The cluster's id of this client (the N of "client.N"), 0 before connect:
+  // what an operator or a test names to evict it.
+  uint64_t clientId() const;
+  // The data pool of a stored file ("" when it cannot be told).
+  std::string filePool(const std::string& bucket, const std::string& name);
+  // Test hook: directory levels read since construction.
+  uint64_t levelsRead() const;
+
+ private:
+  std::shared_ptr<Shared> m_shared;
+};
+
+// The "ceph" address scheme: checks the location and makes a backend.
+int makeCephStoreBackend(const std::string& location, std::shared_ptr<IStoreBackend>& out, std::string* reason);
+
+}  // namespace Velto::Zarn
