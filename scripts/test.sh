@@ -1,18 +1,36 @@
 #!/usr/bin/env bash
-# Installs what the project needs, then builds and runs the whole test suite
-# twice: a normal build and an address+undefined sanitizer build. Warnings are
-# errors here. Usage: scripts/test.sh [normal|address|thread ...]
+# Installs what the project needs, starts a throw-away single-node Ceph cluster
+# (three OSDs, so that the erasure-coded pool exists), then builds and runs the
+# whole test suite twice against the local store and that cluster: a normal
+# build and an address+undefined sanitizer build. Warnings are errors here.
+# Usage: scripts/test.sh [normal|address|thread ...]
+# ZARN_TEST_CEPH=0 skips the cluster (the Ceph tests then skip and say so).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
 variants=("$@")
 [ ${#variants[@]} -eq 0 ] && variants=(normal address)
 for variant in "${variants[@]}"; do
   case "$variant" in
-    normal) sanitize=none ;;
-    address|thread) sanitize=$variant ;;
+    normal|address|thread) ;;
     *) echo "unknown variant: $variant" >&2; exit 2 ;;
   esac
+done
+
+if [ "${ZARN_TEST_CEPH:-1}" = 0 ]; then
+  bash scripts/install-deps.sh
+else
+  bash scripts/install-deps.sh ceph
+  cluster=$(mktemp -d "${TMPDIR:-/tmp}/zarn-test-ceph.XXXXXX")
+  trap 'bash scripts/ceph-cluster-stop.sh "$cluster" --wipe >&2 || true' EXIT
+  echo "== Ceph test cluster in $cluster"
+  bash scripts/ceph-cluster-start.sh "$cluster" --osds 3 >/dev/null
+  # shellcheck disable=SC1091
+  source "$cluster/zarn-test.env"
+fi
+
+for variant in "${variants[@]}"; do
+  sanitize=$variant
+  [ "$variant" = normal ] && sanitize=none
   dir=build-test-$variant
   echo "== $variant build ($dir)"
   cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZARN_SANITIZE="$sanitize" \
