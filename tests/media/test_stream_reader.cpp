@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -587,6 +588,82 @@ TEST_F(StreamReaderTest, RegistryOperationsOnSessions) {
   EXPECT_EQ(m_client.deleteSession(1), -1);
   EXPECT_EQ(m_client.addSession(13, m_t0, m_t0 + 9, true), 4);
   for (int id : {2, 3, 4}) EXPECT_EQ(m_client.deleteSession(id), 0);
+}
+
+// ---- The same recordings stored in CephFS ----
+// Skipped unless a test cluster is configured (scripts/ceph-cluster-start.sh
+// writes ZARN_TEST_CEPH_ADDRESS to DIR/zarn-test.env).
+class CephStreamReaderTest : public StreamReaderTest {
+ protected:
+  void SetUp() override {
+#ifndef ZARN_WITH_CEPH
+    GTEST_SKIP() << "this build has no Ceph backend";
+#endif
+    const char* base = std::getenv("ZARN_TEST_CEPH_ADDRESS");
+    if (base == nullptr || *base == '\0') {
+      GTEST_SKIP() << "no Ceph cluster configured: start one with scripts/ceph-cluster-start.sh DIR and source "
+                      "DIR/zarn-test.env";
+    }
+    m_root = std::string(base) + "/reader-" + std::to_string(::getpid()) + "-" +
+             std::to_string(Velto::Kandu::monotonicUs());
+    StreamReaderTest::SetUp();
+  }
+};
+
+TEST_F(CephStreamReaderTest, RecordedIntoCephFSPlaysBackByteForByteInEveryOrder) {
+  const uint32_t sid = 21;
+  const Frames recorded = record(sid);
+  ASSERT_GE(files(sid).size(), 3u);
+  const uint32_t end = m_t0 + 199;
+  {
+    const int session = m_client.addSession(sid, m_t0, end, false);
+    ASSERT_GT(session, 0);
+    expectSameFrames(readAll(session, false, false), recorded);
+    EXPECT_TRUE(m_ended) << m_last;
+    m_client.deleteSession(session);
+  }
+  {
+    const int session = m_client.addSession(sid, m_t0, end, true);
+    ASSERT_EQ(m_client.seek(session, end), 0);
+    expectSameFrames(readAll(session, false, true), reverseGroups(recorded));
+    EXPECT_TRUE(m_ended) << m_last;
+    m_client.deleteSession(session);
+  }
+  {
+    const int session = m_client.addSession(sid, m_t0, end, true);
+    ASSERT_EQ(m_client.seek(session, end), 0);
+    Frames keys = keysOf(recorded);
+    std::reverse(keys.begin(), keys.end());
+    expectSameFrames(readAll(session, true, true), keys);
+    m_client.deleteSession(session);
+  }
+  {
+    // A seek into the middle plays from the group of pictures holding that time.
+    const int session = m_client.addSession(sid, m_t0, end, false);
+    ASSERT_EQ(m_client.seek(session, m_t0 + 101), 0);
+    expectSameFrames(readAll(session, false, false), groupsOverlapping(recorded, m_t0 + 101, end));
+    m_client.deleteSession(session);
+  }
+}
+
+TEST_F(CephStreamReaderTest, AReaderFollowsAFileStillBeingWrittenInCephFS) {
+  const uint32_t sid = 22;
+  ASSERT_EQ(m_client.addStream(sid, 1, true), 0);
+  Frames recorded;
+  recordFrames(sid, m_t0, 5, recorded);
+  ASSERT_EQ(m_client.flushFrame(sid), 0);  // a padding frame up to the next stripe
+  const int session = m_client.addSession(sid, m_t0, m_t0 + 3000, false);
+  ASSERT_GT(session, 0);
+  Frames got = readAll(session, false, false, recorded.size());
+  expectSameFrames(got, recorded);
+
+  const size_t before = recorded.size();
+  recordFrames(sid, m_t0 + 5, 60, recorded);  // crosses a file cut
+  closeStream(sid);
+  Frames rest = readAll(session, false, false);
+  EXPECT_TRUE(m_ended) << m_last;
+  expectSameFrames(rest, Frames(recorded.begin() + static_cast<long>(before), recorded.end()));
+  m_client.deleteSession(session);
 }
 
 }  // namespace
