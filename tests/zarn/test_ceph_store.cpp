@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -139,6 +140,28 @@ TEST_F(CephStore, UsedBytesFollowWritesFromTheRecursiveStatistics) {
   ASSERT_TRUE(bucket.isValid());
   uint64_t used = 0;
   EXPECT_TRUE(ZarnTest::waitFor([&] { return bucket.getUsedCapacity(used) && used == 300000; }, 20000)) << used;
+}
+
+TEST_F(CephStore, ADayListingReadsOnlyTheLevelsItsMarkersAdmit) {
+  // Three months of a few files a day: a one-day listing reads the bucket,
+  // year, month and day levels, never the other days or months.
+  for (int month = 3; month <= 5; ++month) {
+    for (int day = 1; day <= 4; ++day) {
+      for (int h = 0; h < 3; ++h) {
+        char name[64];
+        std::snprintf(name, sizeof name, "media_1/2016/%02d/%02d/%02d0000_1.qrv", month, day, h * 8);
+        ASSERT_TRUE(put(name, 4, 1, 10)) << name << ": " << getErrorMsg();
+      }
+    }
+  }
+  CBucket bucket = m_fs.getBucket("media_1");
+  ASSERT_TRUE(bucket.isValid());
+  CNameList names;
+  uint64_t before = m_backend->levelsRead();
+  ASSERT_TRUE(bucket.list(names, "2016/04/02/", "2016/04/02/\xff", 1000)) << getErrorMsg();
+  uint64_t levels = m_backend->levelsRead() - before;
+  EXPECT_EQ(names, (CNameList{"2016/04/02/000000_1.qrv", "2016/04/02/080000_1.qrv", "2016/04/02/160000_1.qrv"}));
+  EXPECT_LE(levels, 4u);
 }
 
 }  // namespace
