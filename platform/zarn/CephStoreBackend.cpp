@@ -356,9 +356,11 @@ class CCephFile : public IStoreFile {
     if (m_fd < 0) return ZARN_E_BAD_MODE;
     int result = 0;
     // The closed name that follows says the file is complete: its bytes must be
-    // in the OSDs, not in this client's cache, before that.
+    // in the OSDs, and its size with the MDS, before that. (A data-only sync
+    // would leave the size in this client's capabilities until they are
+    // flushed lazily, and with it the recursive statistics of its directories.)
     if (m_forWrite) {
-      int rc = ceph_fsync(m_shared->mount, m_fd, 1);
+      int rc = ceph_fsync(m_shared->mount, m_fd, 0);
       if (rc != 0) result = translate(rc);
     }
     int rc = ceph_close(m_shared->mount, m_fd);

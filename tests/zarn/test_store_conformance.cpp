@@ -105,7 +105,7 @@ const BackendCase kBackends[] = {
      .userName = "",
      .localDirectory = false,
      .evictKilledClients = true,
-     .usageLagMs = 15000,
+     .usageLagMs = 90000,
      .pruneCycles = 100,
      .listingStride = 23},
 };
