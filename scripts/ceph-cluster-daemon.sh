@@ -53,13 +53,17 @@ running() {
   [ -n "$have" ] && [ "$have" = "$want" ]
 }
 
-# Fully gone or a zombie: only then are its listening ports and the bluestore file lock released
-# (the kernel empties cmdline before it closes the files of an exiting process).
+# Fully gone, or a zombie whose other threads are gone too: only then are its listening ports, its pid
+# file lock and the bluestore file lock released. (The kernel empties cmdline before it closes the files
+# of an exiting process, and a thread-group leader shows Z while its other threads still exit holding the
+# shared file table: a new instance started then fails on the pid file lock.)
 exited() {
-  local stat
+  local stat tasks
   stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 0
   stat=${stat##*) }
-  [ "${stat%% *}" = Z ]
+  [ "${stat%% *}" = Z ] || return 1
+  tasks=$(ls "/proc/$1/task" 2>/dev/null | wc -l)
+  [ "$tasks" -le 1 ]
 }
 
 wait_exit() {  # PID SECONDS
@@ -114,7 +118,9 @@ start() {
     echo "$name started (pid $(cat "$state/$name.pid"))" >&2
   fi
   [ "$wait" = yes ] || return 0
-  until in_service "$name"; do
+  # The instance must still run once the cluster answers: an old instance still exiting, or another one
+  # nobody recorded, can answer for it.
+  until in_service "$name" && running "$name"; do
     if ! running "$name"; then
       echo "error: $name exited while starting" >&2
       log_tail "$name"
