@@ -126,7 +126,8 @@ struct CCephStoreBackend::Shared {
   std::atomic<uint64_t> clientId{0};
   std::atomic<uint64_t> nextOwner{1};  // flock owners: one per file handle
   std::atomic<uint64_t> tempCounter{0};
-  std::atomic<uint64_t> levelsRead{0};
+  std::atomic<uint64_t> levelsRead{0};      // readdirs of listing levels
+  std::atomic<uint64_t> levelCacheHits{0};  // listing levels served from levelCache
   std::atomic<uint64_t> capacityLimit{0};
   CCappedUsage usage;  // used bytes while capacityLimit is set
 
@@ -148,6 +149,24 @@ struct CCephStoreBackend::Shared {
 
   std::mutex poolMutex;
   std::map<std::pair<uint16_t, uint16_t>, std::string> pools;  // guarded by poolMutex; "" = default pool
+
+  // Listing levels that hold only directories (a bucket's year and month
+  // levels), by absolute path. Such a level changes only when an entry is made,
+  // removed or renamed in it, which bumps the directory's change attribute; a
+  // directory removed and made again is another inode. So a cached level is
+  // good while (inode, change attribute) are those read before its readdir: a
+  // change racing the readdir shows as a newer attribute and a re-read. The
+  // check is a statx answered from the client's capabilities (microseconds)
+  // until another client changes the directory, where a readdir of a level of
+  // 30 subdirectories costs milliseconds of MDS messages.
+  struct CachedLevel {
+    uint64_t ino = 0;
+    uint64_t version = 0;
+    std::vector<LevelEntry> entries;
+  };
+  static constexpr size_t kMaxCachedLevels = 4096;  // about 1 KiB each; dropped all at once beyond
+  std::mutex levelCacheMutex;
+  std::map<std::string, CachedLevel> levelCache;  // guarded by levelCacheMutex
 
   ~Shared() {
     if (mount == nullptr) return;
@@ -213,6 +232,43 @@ struct CCephStoreBackend::Shared {
       if (err) *err = rc;
       return false;
     }
+    return true;
+  }
+
+  // readLevel through the cache of directory-only levels. The sizes of files
+  // change without the directory's attribute, so levels holding files are
+  // always read.
+  bool readLevelCached(const std::string& path, std::vector<LevelEntry>& out, int* err = nullptr) {
+    struct ceph_statx stx;
+    int rc = ceph_statx(mount, path.c_str(), &stx, CEPH_STATX_INO | CEPH_STATX_VERSION | CEPH_STATX_MODE, 0);
+    if (rc != 0 || !S_ISDIR(stx.stx_mode) || (stx.stx_mask & CEPH_STATX_VERSION) == 0) {
+      if (rc == 0 && !S_ISDIR(stx.stx_mode)) rc = -ENOTDIR;
+      if (rc != 0) {
+        std::lock_guard<std::mutex> lock(levelCacheMutex);
+        levelCache.erase(path);
+        if (err) *err = rc;
+        return false;
+      }
+      return readLevel(path, out, err);  // no change attribute: nothing to validate a copy with
+    }
+    {
+      std::lock_guard<std::mutex> lock(levelCacheMutex);
+      auto it = levelCache.find(path);
+      if (it != levelCache.end() && it->second.ino == stx.stx_ino && it->second.version == stx.stx_version) {
+        out = it->second.entries;
+        levelCacheHits.fetch_add(1, std::memory_order_relaxed);
+        return true;
+      }
+    }
+    if (!readLevel(path, out, err)) return false;
+    bool onlyDirs = std::all_of(out.begin(), out.end(), [](const LevelEntry& e) { return e.isDir; });
+    std::lock_guard<std::mutex> lock(levelCacheMutex);
+    if (!onlyDirs) {
+      levelCache.erase(path);
+      return true;
+    }
+    if (levelCache.size() >= kMaxCachedLevels) levelCache.clear();
+    levelCache[path] = CachedLevel{stx.stx_ino, stx.stx_version, out};
     return true;
   }
 
@@ -409,6 +465,9 @@ CCephStoreBackend::~CCephStoreBackend() = default;
 uint64_t CCephStoreBackend::clientId() const { return m_shared->clientId.load(); }
 
 uint64_t CCephStoreBackend::levelsRead() const { return m_shared->levelsRead.load(std::memory_order_relaxed); }
+uint64_t CCephStoreBackend::levelCacheHits() const {
+  return m_shared->levelCacheHits.load(std::memory_order_relaxed);
+}
 
 int CCephStoreBackend::connect(const Config& config) {
   Shared& s = *m_shared;
@@ -664,20 +723,16 @@ int CCephStoreBackend::list(const std::string& bucket, const std::string& after,
   Shared& s = *m_shared;
   const std::string path = s.bucketPath(bucket);
   std::vector<StoreEntry> result;
-  std::vector<LevelEntry> top;
-  int err = 0;
-  // The bucket level is read here (not in the walk) to tell a missing bucket
-  // from an empty one without a second round trip.
-  if (!s.readLevel(path, top, &err)) return err == -ENOENT || err == -ENOTDIR ? ZARN_E_NO_SUCH_BUCKET : translate(err);
-  bool first = true;
+  // A missing bucket is told from an empty one here: the walk may start below
+  // the bucket level, and treats a level it cannot read as empty.
+  struct ceph_statx stx;
+  int rc = ceph_statx(s.mount, path.c_str(), &stx, CEPH_STATX_MODE, 0);
+  if (rc == -ENOENT || rc == -ENOTDIR || (rc == 0 && !S_ISDIR(stx.stx_mode))) return ZARN_E_NO_SUCH_BUCKET;
+  if (rc != 0) return translate(rc);
   listSorted(
       [&](const std::string& relDir, std::vector<LevelEntry>& entries) {
-        if (relDir.empty() && first) {
-          first = false;
-          entries = std::move(top);
-          return true;
-        }
-        return s.readLevel(path + "/" + relDir.substr(0, relDir.size() - 1), entries);
+        return s.readLevelCached(relDir.empty() ? path : path + "/" + relDir.substr(0, relDir.size() - 1),
+                                 entries);
       },
       [](const std::string&, uint64_t&) { return false; },  // sizes come with the entries
       after, upTo, maxCount, result);

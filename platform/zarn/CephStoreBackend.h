@@ -87,8 +87,10 @@ class CCephStoreBackend : public IStoreBackend {
   uint64_t clientId() const;
   // The data pool of a stored file ("" when it cannot be told).
   std::string filePool(const std::string& bucket, const std::string& name);
-  // Test hook: directory levels read since construction.
+  // Test hooks: listing levels read from the file system, and served from the
+  // cache of directory-only levels, since construction.
   uint64_t levelsRead() const;
+  uint64_t levelCacheHits() const;
 
  private:
   std::shared_ptr<Shared> m_shared;

@@ -150,7 +150,17 @@ void listSorted(const ReadLevelFn& readLevel, const SizeOfFn& sizeOf, const std:
                 const std::string& upTo, uint32_t maxCount, std::vector<StoreEntry>& out) {
   if (maxCount == 0) return;
   Walk walk{readLevel, sizeOf, after, upTo, maxCount, out};
-  walk.visit(std::string());
+  // The names that begin with a prefix form one interval of the byte order, so
+  // when both markers lie below the same directory every name between them
+  // does too: start there, without reading the levels above it.
+  std::string start;
+  if (!after.empty() && !upTo.empty()) {
+    size_t common = 0;
+    while (common < after.size() && common < upTo.size() && after[common] == upTo[common]) ++common;
+    size_t slash = after.rfind('/', common == 0 ? 0 : common - 1);
+    if (common > 0 && slash != std::string::npos) start = after.substr(0, slash + 1);
+  }
+  walk.visit(start);
 }
 
 }  // namespace Velto::Zarn

@@ -143,9 +143,9 @@ TEST_F(CephStore, UsedBytesFollowWritesFromTheRecursiveStatistics) {
   EXPECT_TRUE(ZarnTest::waitFor([&] { return bucket.getUsedCapacity(used) && used == 300000; }, 90000)) << used;
 }
 
-TEST_F(CephStore, ADayListingReadsOnlyTheLevelsItsMarkersAdmit) {
-  // Three months of a few files a day: a one-day listing reads the bucket,
-  // year, month and day levels, never the other days or months.
+TEST_F(CephStore, ADayListingReadsOnlyTheDayLevelsOnceTheMonthIsKnown) {
+  // Three months of a few files a day, listed as a day query does: from the
+  // evening before to just past midnight after.
   for (int month = 3; month <= 5; ++month) {
     for (int day = 1; day <= 4; ++day) {
       for (int h = 0; h < 3; ++h) {
@@ -157,12 +157,58 @@ TEST_F(CephStore, ADayListingReadsOnlyTheLevelsItsMarkersAdmit) {
   }
   CBucket bucket = m_fs.getBucket("media_1");
   ASSERT_TRUE(bucket.isValid());
+  const CNameList expected{"2016/04/02/000000_1.qrv", "2016/04/02/080000_1.qrv", "2016/04/02/160000_1.qrv",
+                           "2016/04/03/000000_1.qrv"};
+  // Both markers lie in April: the walk starts at the month, never reading the
+  // bucket or year levels, and reads the month and the three admitted days.
   CNameList names;
-  uint64_t before = m_backend->levelsRead();
-  ASSERT_TRUE(bucket.list(names, "2016/04/02/", "2016/04/02/\xff", 1000)) << getErrorMsg();
-  uint64_t levels = m_backend->levelsRead() - before;
-  EXPECT_EQ(names, (CNameList{"2016/04/02/000000_1.qrv", "2016/04/02/080000_1.qrv", "2016/04/02/160000_1.qrv"}));
-  EXPECT_LE(levels, 4u);
+  uint64_t read = m_backend->levelsRead(), hits = m_backend->levelCacheHits();
+  ASSERT_TRUE(bucket.list(names, "2016/04/01/220000", "2016/04/03/001000", 1000)) << getErrorMsg();
+  EXPECT_EQ(names, expected);
+  EXPECT_EQ(m_backend->levelsRead() - read + m_backend->levelCacheHits() - hits, 4u);
+  EXPECT_LE(m_backend->levelsRead() - read, 4u);
+  // The month holds only day directories and has not changed: the next
+  // listing takes it from the cache and reads only the days (which hold files
+  // whose sizes change without their directory).
+  names.clear();
+  read = m_backend->levelsRead();
+  hits = m_backend->levelCacheHits();
+  ASSERT_TRUE(bucket.list(names, "2016/04/01/220000", "2016/04/03/001000", 1000)) << getErrorMsg();
+  EXPECT_EQ(names, expected);
+  EXPECT_EQ(m_backend->levelsRead() - read, 3u);
+  EXPECT_EQ(m_backend->levelCacheHits() - hits, 1u);
+}
+
+TEST_F(CephStore, ACachedLevelFollowsAnotherClientsChanges) {
+  ASSERT_TRUE(put("media_1/2016/04/01/000000_1.qrv", 4, 1, 10)) << getErrorMsg();
+  CBucket bucket = m_fs.getBucket("media_1");
+  ASSERT_TRUE(bucket.isValid());
+  auto listing = [&] {
+    CNameList names;
+    EXPECT_TRUE(bucket.list(names, "2016/", "2016/\xff", 1000)) << getErrorMsg();
+    return names;
+  };
+  ASSERT_EQ(listing(), CNameList{"2016/04/01/000000_1.qrv"});
+  uint64_t hits = m_backend->levelCacheHits();
+  ASSERT_EQ(listing(), CNameList{"2016/04/01/000000_1.qrv"});
+  ASSERT_GT(m_backend->levelCacheHits(), hits) << "the year and month levels were not served from the cache";
+
+  // A second client (a mount of its own) adds a day, and a month, under the
+  // cached levels: the next listing here sees them at once.
+  CZarnFileSystem other;
+  ASSERT_TRUE(other.initialize(Config{m_address.c_str(), 0, "", ""})) << getErrorMsg();
+  for (const char* name : {"media_1/2016/04/09/120000_1.qrv", "media_1/2016/06/01/120000_1.qrv"}) {
+    auto f = other.createFile(name, 4, 1);
+    ASSERT_NE(f, nullptr) << name << ": " << getErrorMsg();
+    ASSERT_EQ(f->write("abcd", 4), 4);
+    ASSERT_TRUE(f->close());
+  }
+  EXPECT_EQ(listing(), (CNameList{"2016/04/01/000000_1.qrv", "2016/04/09/120000_1.qrv", "2016/06/01/120000_1.qrv"}));
+  // It removes them (their emptied levels go with them): gone here too.
+  ASSERT_TRUE(other.removeFile("media_1/2016/04/09/120000_1.qrv")) << getErrorMsg();
+  ASSERT_TRUE(other.removeFile("media_1/2016/06/01/120000_1.qrv")) << getErrorMsg();
+  EXPECT_EQ(listing(), CNameList{"2016/04/01/000000_1.qrv"});
+  other.close();
 }
 
 }  // namespace
