@@ -179,7 +179,7 @@ int64_t CRecordFile::read(void* buffer, uint32_t length) {
   if (length == 0) return 0;
   if (!m_bufValid || m_bufPos == m_bufLen) {
     // The buffer is used up, so the store file's position is the logical one.
-    if (length >= kReadBufferSize / 2) {
+    if (length >= kDirectReadSize) {
       m_bufValid = false;
       return m_file->read(buffer, length);  // large reads skip the extra copy
     }

@@ -73,6 +73,10 @@ class CRecordFile : public IFileListener {
   // frame as head then body makes one store call per buffer instead of two per
   // frame, and skips within the buffer cost no store call at all.
   static constexpr uint32_t kReadBufferSize = 128 * 1024;
+  // Reads of at least this many bytes go straight to the caller's memory once
+  // the buffer is used up: copying them through the buffer costs more than the
+  // store call saved.
+  static constexpr uint32_t kDirectReadSize = 16 * 1024;
 
   // `name` is the file's parsed name (an open name for writing).
   CRecordFile(CZarnFileSystem& fs, const RecordFileName& name);

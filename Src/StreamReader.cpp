@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 #include "KanduLog.h"
 #include "KanduThread.h"
@@ -118,6 +120,7 @@ CStreamReader::CStreamReader(std::shared_ptr<CZarnFileSystem> fs, uint32_t strea
       m_sync(sync),
       m_queue(CMediaContext::instance().readerQueue()),
       m_deleteTimer("StreamReader async delete timer.") {
+  m_spareItems.reserve(kSpareItems);
   RLOG(LOG_INFO, "Created. StreamID:%u beginTS:%u endTS:%u syncMode:%d\n", m_streamId, m_beginTime, m_endTime,
        m_sync ? 1 : 0);
 }
@@ -182,8 +185,87 @@ void CStreamReader::kick() {
 void CStreamReader::clearBuf() {
   CAutoLock lock(m_bufferMutex);
   m_frames.clear();
+  m_bufferedBytes = 0;
   ++m_generation;
   RLOG(LOG_DEBUG, "Buffer cleard\n");
+}
+
+std::unique_ptr<CStreamReader::FrameItem> CStreamReader::takeItem(uint32_t length) {
+  const uint32_t room = length + kFrameHeadSize;  // the next frame's head may be read with it
+  std::unique_ptr<FrameItem> item;
+  {
+    CAutoLock lock(m_bufferMutex);
+    for (size_t i = m_spareItems.size(); i > 0; --i) {
+      // A spare at most twice the size: the item of a large key frame must not
+      // stay pinned under every small frame after it.
+      const uint32_t capacity = m_spareItems[i - 1]->capacity;
+      if (capacity >= room && capacity / 2 <= room) {
+        item = std::move(m_spareItems[i - 1]);
+        m_spareItems[i - 1] = std::move(m_spareItems.back());
+        m_spareItems.pop_back();
+        break;
+      }
+    }
+  }
+  if (!item) {
+    // A quarter more than asked, so that the item serves the frames of similar
+    // size after this one.
+    const uint64_t capacity = (static_cast<uint64_t>(room) + room / 4 + 63) & ~uint64_t{63};
+    item = std::make_unique<FrameItem>();
+    item->capacity = static_cast<uint32_t>(std::min<uint64_t>(capacity, std::numeric_limits<uint32_t>::max()));
+    item->bytes.reset(new uint8_t[item->capacity]);
+  }
+  item->length = length;
+  item->offset = 0;
+  item->time = 0;
+  return item;
+}
+
+void CStreamReader::recycleItem(std::unique_ptr<FrameItem> item) {
+  if (!item) return;
+  CAutoLock lock(m_bufferMutex);
+  if (m_spareItems.size() < kSpareItems) m_spareItems.push_back(std::move(item));
+  // Otherwise freed here: the pool is bounded.
+}
+
+bool CStreamReader::appendFrame(std::unique_ptr<FrameItem> item, uint64_t generation, int32_t order) {
+  bool wake = false;
+  {
+    CAutoLock lock(m_bufferMutex);
+    if (m_generation == generation) {
+      m_bufferedBytes += item->length;
+      m_frames.push_back(std::move(item));
+      const size_t batch = order == ORDER_FORWARD ? kWakeFrames : bufferLimit(order) / 2;
+      wake = m_waiters > 0 && (m_frames.size() >= batch || m_bufferedBytes >= kWakeBytes);
+    }
+  }
+  if (item) {  // a seek or order change came meanwhile
+    recycleItem(std::move(item));
+    return false;
+  }
+  // Notified outside the buffer mutex, so that the woken caller does not block on it at once.
+  if (wake) m_bufferCond.notify_all();
+  return true;
+}
+
+void CStreamReader::wakeWaiters() {
+  bool wake = false;
+  {
+    CAutoLock lock(m_bufferMutex);
+    wake = m_waiters > 0 && !m_frames.empty();
+  }
+  if (wake) m_bufferCond.notify_all();
+}
+
+uint32_t CStreamReader::frameUtc(const uint8_t* head) {
+  uint32_t packed;
+  std::memcpy(&packed, head + offsetof(VeltoFrameHead, packedTime), sizeof(packed));
+  if (!m_lastPackedValid || packed != m_lastPackedTime) {
+    m_lastPackedUtc = frameTime(head);
+    m_lastPackedTime = packed;
+    m_lastPackedValid = true;
+  }
+  return m_lastPackedUtc;
 }
 
 int32_t CStreamReader::readFrame(VeltoFrame* frame, unsigned long long& length, bool keyFramesOnly, bool reverse) {
@@ -199,7 +281,7 @@ int32_t CStreamReader::readFrame(VeltoFrame* frame, unsigned long long& length, 
   }
 
   std::unique_ptr<FrameItem> item;
-  const uint64_t startMs = Velto::Kandu::monotonicMs();
+  std::optional<uint64_t> startMs;  // taken once the buffer is found empty
   const size_t lowWater = bufferLimit(m_order.load()) / 2;
   for (;;) {
     // The status is read before the buffer: frames appended before the worker
@@ -211,6 +293,7 @@ int32_t CStreamReader::readFrame(VeltoFrame* frame, unsigned long long& length, 
       if (!m_frames.empty()) {
         item = std::move(m_frames.front());
         m_frames.pop_front();
+        m_bufferedBytes -= item->length;
       }
       left = m_frames.size();
     }
@@ -227,20 +310,28 @@ int32_t CStreamReader::readFrame(VeltoFrame* frame, unsigned long long& length, 
       return -3;
     }
     if (!m_sync) return -2;
-    if (Velto::Kandu::monotonicMs() - startMs >= kBlockLimitMs) {
+    const uint64_t nowMs = Velto::Kandu::monotonicMs();
+    if (!startMs) startMs = nowMs;
+    if (nowMs - *startMs >= kBlockLimitMs) {
       RLOG(LOG_WARN, "Block Read Timeout, return not ready.\n");
       return -2;
     }
-    // One poll interval, cut short by a frame or an end of the session.
+    // One poll interval, cut short once the worker has a batch of frames, ends
+    // its run, or ends the session.
     CAutoLock lock(m_bufferMutex);
     if (m_frames.empty() && m_status.load() == st) {
+      ++m_waiters;
       m_bufferCond.wait_for(m_bufferMutex, std::chrono::milliseconds(kBlockPollMs));
+      --m_waiters;
     }
   }
 
   const uint32_t frameLength = item->length;
+  const uint64_t frameOffset = item->offset;
+  const uint32_t frameUtcTime = item->time;
   if (frame == nullptr) {
     RLOG(LOG_ERROR, "no frame record given, frame of %u bytes dropped. return fault\n", frameLength);
+    recycleItem(std::move(item));
     return -3;
   }
   // Never write past the caller's buffer: an owned buffer states its size; an
@@ -251,17 +342,19 @@ int32_t CStreamReader::readFrame(VeltoFrame* frame, unsigned long long& length, 
   }
   VeltoFrame source;
   source.attach(item->bytes.get());
-  if (frameLength > capacity || !frame->copyToBuffer(source, capacity)) {
+  const bool copied = frameLength <= capacity && frame->copyToBuffer(source, capacity);
+  recycleItem(std::move(item));
+  if (!copied) {
     RLOG(LOG_ERROR, "frame len %u does not fit the buffer of %u bytes. return fault\n", frameLength, capacity);
     return -3;
   }
   if (!checkFrameHead(frame->frame) || !checkFrameTail(*frame)) {
-    RLOG(LOG_ERROR, "frame at offset %" PRIu64 " failed its head or tail check. return fault\n", item->offset);
+    RLOG(LOG_ERROR, "frame at offset %" PRIu64 " failed its head or tail check. return fault\n", frameOffset);
     return -3;
   }
   if (frame->head.type == FRAME_TYPE_I || frame->head.type == FRAME_TYPE_IMAGE) {
-    m_readedFrameUTC.store(item->time);
-    m_readedFrameOffset.store(item->offset);
+    m_readedFrameUTC.store(frameUtcTime);
+    m_readedFrameOffset.store(frameOffset);
   }
   length = frameLength;
   return 0;
@@ -372,6 +465,7 @@ void CStreamReader::execute() {
       } else if (result == 0) {
         throttleRetry();
       }
+      wakeWaiters();
       break;
     }
     case STATUS_ORDER_CHANGED:
@@ -497,7 +591,7 @@ void CStreamReader::doOrderChanged() {
   if (m_curFile && time == 0) {
     RLOG(LOG_TRACE, "OrderChanged! readedFrameUTC is 0.\n");
     // Go on from the frame being assembled; a reverse order takes its group from there.
-    if (!positionAt(m_readPos - (m_pendingItem ? m_pendingFilled : m_assemblyCount))) {
+    if (!positionAt(parsePos())) {
       changeStatus(STATUS_FAULT, STATUS_ORDER_CHANGED);
       return;
     }
@@ -690,9 +784,9 @@ int32_t CStreamReader::jumpBack() {
 
 int32_t CStreamReader::endOfData() { return isReverse(m_order.load()) ? jumpBack() : -2; }
 
-int32_t CStreamReader::readInto(uint8_t* buffer, uint32_t& have, uint32_t want) {
+int32_t CStreamReader::readInto(uint8_t* buffer, uint32_t& have, uint32_t want, uint32_t extra) {
   while (have < want) {
-    uint32_t ask = want - have;
+    uint32_t ask = want - have + extra;
     if (m_dataEnd != kNone) {
       // A closed file's index and record info follow its data: never read them as frames.
       if (m_readPos >= m_dataEnd) return -2;
@@ -803,7 +897,7 @@ int32_t CStreamReader::readRecordFile(uint64_t generation) {
     if (result == -2) return endOfData();
     if (result != 1) return result;
     uint8_t* bytes = m_pendingItem ? m_pendingItem->bytes.get() : m_assembly.get();
-    const uint64_t frameStart = m_readPos - (m_pendingItem ? m_pendingFilled : m_assemblyCount);
+    const uint64_t frameStart = parsePos();
     if (!checkFrameHead(bytes)) {
       if (!resync()) return endOfData();
       continue;
@@ -829,25 +923,39 @@ int32_t CStreamReader::readRecordFile(uint64_t generation) {
       continue;
     }
     if (!m_pendingItem) {
-      m_pendingItem = std::make_unique<FrameItem>();
-      m_pendingItem->bytes.reset(new uint8_t[head.length]);
-      m_pendingItem->length = head.length;
-      std::memcpy(m_pendingItem->bytes.get(), bytes, m_assemblyCount);
-      m_pendingFilled = m_assemblyCount;
-      m_assemblyCount = 0;
+      // The assembled bytes move into the frame's item; bytes past the frame
+      // (left by resynchronisation) stay in front for the next pass.
+      m_pendingItem = takeItem(head.length);
+      const uint32_t n = std::min(m_assemblyCount, head.length);
+      std::memcpy(m_pendingItem->bytes.get(), bytes, n);
+      if (n < m_assemblyCount) std::memmove(m_assembly.get(), m_assembly.get() + n, m_assemblyCount - n);
+      m_assemblyCount -= n;
+      m_pendingFilled = n;
     }
     bytes = m_pendingItem->bytes.get();
-    result = readInto(bytes, m_pendingFilled, head.length);
+    // The rest of the frame goes straight into its item (the assembly buffer is
+    // empty while it is incomplete), together with the head of the frame after
+    // it when the store has it: a steady stream then costs one store call per
+    // frame and no copy through the read buffer.
+    result = m_pendingFilled >= head.length ? 1 : readInto(bytes, m_pendingFilled, head.length, kFrameHeadSize);
     if (result == 0 && isReverse(order)) return jumpBack();
     if (result == -2) return endOfData();
     if (result != 1) return result;
     std::unique_ptr<FrameItem> item = std::move(m_pendingItem);
+    if (m_pendingFilled > head.length) {
+      const uint32_t ahead = m_pendingFilled - head.length;
+      ensureAssembly(ahead);
+      std::memcpy(m_assembly.get(), bytes + head.length, ahead);
+      m_assemblyCount = ahead;
+    }
     m_pendingFilled = 0;
     if (!checkFrameTail(bytes + head.length - kFrameTailSize)) {
-      // Not a frame after all: resynchronise over its bytes.
-      ensureAssembly(head.length);
+      // Not a frame after all: resynchronise over its bytes (and any after them).
+      ensureAssembly(head.length + m_assemblyCount);
+      std::memmove(m_assembly.get() + head.length, m_assembly.get(), m_assemblyCount);
       std::memcpy(m_assembly.get(), bytes, head.length);
-      m_assemblyCount = head.length;
+      m_assemblyCount += head.length;
+      recycleItem(std::move(item));
       if (!resync()) return endOfData();
       continue;
     }
@@ -857,7 +965,7 @@ int32_t CStreamReader::readRecordFile(uint64_t generation) {
     const bool key = isKeyFrame(head.type, head.subType);
     uint32_t time = 0;
     if (key && hasIndex()) time = m_curFile->recordIndex()->getIFrameUTC(frameStart);
-    if (time == 0) time = frameTime(bytes);
+    if (time == 0) time = frameUtc(bytes);
     if (head.subType == 1 || head.subType == 2) {
       RLOG(LOG_TRACE, "VeltoFrame: filePos:%" PRId64 " Frame: type[%x] len[%u] utc[%u]\n",
            static_cast<int64_t>(frameStart), head.type, head.length, time);
@@ -874,6 +982,7 @@ int32_t CStreamReader::readRecordFile(uint64_t generation) {
       if (key && frameStart != m_gopKey) {
         // The next group of pictures begins: the current one is complete.
         m_assemblyCount = 0;
+        recycleItem(std::move(item));
         return jumpBack();
       }
       if (key && time <= m_beginTime) {
@@ -882,15 +991,15 @@ int32_t CStreamReader::readRecordFile(uint64_t generation) {
       }
       keep = time <= m_endTime && (order == ORDER_REVERSE || key);
     }
+    ++m_runFrames;
+    m_runBytes += head.length;
     if (keep) {
       item->offset = frameStart;
       item->time = time;
-      CAutoLock lock(m_bufferMutex);
-      if (m_generation != generation) return 0;  // a seek or order change came meanwhile
-      m_frames.push_back(std::move(item));
-      m_bufferCond.notify_all();
+      if (!appendFrame(std::move(item), generation, order)) return 0;  // a seek or order change came meanwhile
+    } else {
+      recycleItem(std::move(item));
     }
-    m_assemblyCount = 0;
     return prepareForNextFrame(time, head.length, frameStart);
   }
 }
@@ -926,12 +1035,17 @@ int32_t CStreamReader::prepareForNextFrame(uint32_t frameTime, uint32_t length, 
 }
 
 int32_t CStreamReader::readingStep(uint64_t generation) {
+  m_runFrames = 0;
+  m_runBytes = 0;
   while (!m_stop.load()) {
     const int32_t order = m_order.load();
     {
       CAutoLock lock(m_bufferMutex);
       if (m_frames.size() >= bufferLimit(order)) return -4;
     }
+    // Callers that drain as fast as the worker fills would keep this run going
+    // to the end of the session: let the other sessions have their turn.
+    if (m_runFrames >= kRunFrames || m_runBytes >= kRunBytes) return 1;
     if (!m_curFile) return -1;
     const int32_t result = readRecordFile(generation);
     if (result == 1) continue;

@@ -88,6 +88,20 @@ class CStreamReader : public CWorkItem {
   static constexpr uint64_t kMaxSkipBytes = 4194304;
   // Listing window tried first around a time, seconds (two record files).
   static constexpr uint32_t kNearWindowSeconds = 7200;
+  // A blocking readFrame asleep on an empty buffer is woken once this many
+  // frames, or bytes, are buffered (in forward order; half the read-ahead in
+  // the others), or when the worker's run ends: a wake-up is a context switch
+  // on each side and costs more than copying many frames, so a caller that
+  // drains faster than the worker reads gets one per batch, not one per frame.
+  static constexpr size_t kWakeFrames = 50;
+  static constexpr uint64_t kWakeBytes = 1024 * 1024;
+  // A worker run ends after this many frames or bytes and resubmits the
+  // reader, so that the five workers take turns over every busy session.
+  static constexpr uint32_t kRunFrames = 100;
+  static constexpr uint64_t kRunBytes = 4 * 1024 * 1024;
+  // Frame items kept for reuse, at most a full forward buffer's worth: a
+  // steady stream allocates nothing per frame.
+  static constexpr size_t kSpareItems = kForwardBufferFrames;
 
   CStreamReader(std::shared_ptr<CZarnFileSystem> fs, uint32_t streamId, uint32_t beginTime, uint32_t endTime,
                 bool sync);
@@ -125,7 +139,8 @@ class CStreamReader : public CWorkItem {
 
  private:
   struct FrameItem {
-    std::unique_ptr<uint8_t[]> bytes;  // the whole frame, `length` bytes
+    std::unique_ptr<uint8_t[]> bytes;  // the whole frame, `length` bytes of `capacity`
+    uint32_t capacity = 0;
     uint32_t length = 0;
     uint64_t offset = 0;               // of its head in the record file
     uint32_t time = 0;                 // UTC seconds (index time for key frames of an indexed file)
@@ -164,10 +179,15 @@ class CStreamReader : public CWorkItem {
   void kick();                          // submits an idle reader that may run
   void throttleRetry();
   // Reads into `buffer` until `have` reaches `want` bytes (`have` counts what
-  // is there and is kept across retries). 1 done, 0 no more bytes yet, -2 end
-  // of the file's data, other negatives store failures.
-  int32_t readInto(uint8_t* buffer, uint32_t& have, uint32_t want);
+  // is there and is kept across retries); each store call also asks for up to
+  // `extra` bytes more, which `buffer` must have room for (never past the
+  // data of a closed file). 1 done, 0 no more bytes yet, -2 end of the file's
+  // data, other negatives store failures.
+  int32_t readInto(uint8_t* buffer, uint32_t& have, uint32_t want, uint32_t extra = 0);
   int32_t fillAssembly(uint32_t want);
+  // File offset of the first byte not yet taken as a frame: the start of the
+  // frame being assembled.
+  uint64_t parsePos() const { return m_readPos - m_assemblyCount - (m_pendingItem ? m_pendingFilled : 0); }
   void ensureAssembly(uint32_t want);
   // Drops damaged bytes from the front of the assembly buffer up to the next
   // candidate head. false when the session's skip limit is reached.
@@ -187,6 +207,16 @@ class CStreamReader : public CWorkItem {
   void borrowWriterIndex();
   bool isReverse(int32_t order) const { return order == ORDER_REVERSE || order == ORDER_REVERSE_KEY; }
   size_t bufferLimit(int32_t order) const;
+  // Appends a frame read under `generation` and wakes a waiting caller once a
+  // batch is there; false (the item is recycled) when a seek or order change
+  // came meanwhile.
+  bool appendFrame(std::unique_ptr<FrameItem> item, uint64_t generation, int32_t order);
+  void wakeWaiters();  // end of a worker run: hand over whatever is buffered
+  // An item for a frame of `length` bytes, with room for the head of the frame
+  // after it; a spare one when one fits.
+  std::unique_ptr<FrameItem> takeItem(uint32_t length);
+  void recycleItem(std::unique_ptr<FrameItem> item);
+  uint32_t frameUtc(const uint8_t* head);  // frameTime, remembering the last conversion
 
   std::shared_ptr<CZarnFileSystem> m_fs;
   const uint32_t m_streamId;
@@ -209,20 +239,28 @@ class CStreamReader : public CWorkItem {
 
   mutable Velto::Kandu::CMutex m_bufferMutex;
   std::deque<std::unique_ptr<FrameItem>> m_frames;  // guarded by m_bufferMutex
-  // Wakes a blocking readFrame between its polls when a frame arrives or the
-  // session ends or fails.
+  uint64_t m_bufferedBytes = 0;                     // guarded by m_bufferMutex: bytes in m_frames
+  uint32_t m_waiters = 0;                           // guarded by m_bufferMutex: readFrame calls asleep
+  std::vector<std::unique_ptr<FrameItem>> m_spareItems;  // guarded by m_bufferMutex
+  // Wakes a blocking readFrame between its polls when a batch of frames is
+  // there, the worker's run ends, or the session ends or fails.
   std::condition_variable_any m_bufferCond;
   uint64_t m_generation = 0;                        // guarded by m_bufferMutex
 
   // Worker only from here to the timer.
   std::unique_ptr<CRecordFile> m_curFile;
   RecordFileName m_curInfo;        // the listing entry the current file was opened from
+  // Read state: the bytes of the file up to m_readPos that are not yet taken
+  // as frames are, in file order, the m_pendingFilled bytes of m_pendingItem
+  // and then the m_assemblyCount bytes of the assembly buffer; the assembly
+  // buffer is empty while the pending item is incomplete.
   uint64_t m_readPos = 0;          // file position after the assembly bytes
   std::unique_ptr<uint8_t[]> m_assembly;
   uint32_t m_assemblyCapacity = 0;
   uint32_t m_assemblyCount = 0;
-  // The frame whose head is in the assembly buffer, its body read straight
-  // into it (one copy less per frame); m_pendingFilled bytes of it are there.
+  // The frame being assembled once its head is known, its body read straight
+  // into it; m_pendingFilled bytes of it are there (more than its length when
+  // the next head came with it, until those move to the assembly buffer).
   std::unique_ptr<FrameItem> m_pendingItem;
   uint32_t m_pendingFilled = 0;
   uint64_t m_skipTotal = 0;
@@ -232,6 +270,13 @@ class CStreamReader : public CWorkItem {
   bool m_reachedBegin = false;     // reverse: the current group holds the session begin
   uint32_t m_reachedBeginTime = 0; // its key frame's time
   uint64_t m_lastRetryUs = 0;      // throttles retries
+  uint32_t m_runFrames = 0;        // frames and bytes read in the current run
+  uint64_t m_runBytes = 0;
+  // The last packed head time converted and its UTC seconds: frames of one
+  // second share it, and the conversion goes through the C library's time lock.
+  uint32_t m_lastPackedTime = 0;
+  uint32_t m_lastPackedUtc = 0;
+  bool m_lastPackedValid = false;
 
   Velto::Kandu::CTimer m_deleteTimer;
   std::atomic<bool> m_deleting{false};    // deleteSession accepted once

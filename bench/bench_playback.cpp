@@ -2,7 +2,11 @@
 // (record files cut every --file-seconds), then plays it back and prints, side
 // by side with a plain read(2) of the same record files:
 //   * forward playback MB/s and frames/s, one session and --sessions at once
-//     (ratio to the plain read, one reader thread per session in both);
+//     (ratio to the plain read, one reader thread per session in both). The
+//     machine may be shared and noisy, so each figure is measured in --rounds
+//     rounds, the plain read and the library next to each other in every round
+//     (which goes first alternates), and the ratio is the median of the rounds'
+//     ratios;
 //   * key-frame-only and reverse playback frames/s;
 //   * seek-to-first-frame latency p50/p99, seeking inside the open file and
 //     across files, on a second stream holding 30 days of 30-minute files of a
@@ -10,7 +14,7 @@
 // It asserts nothing.
 //
 //   bench_playback [--kbps N] [--fps N] [--gop N] [--seconds N] [--file-seconds N]
-//                  [--sessions N] [--seeks N] [--dir DIR]
+//                  [--sessions N] [--rounds N] [--seeks N] [--dir DIR]
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -52,6 +56,7 @@ struct Options {
   unsigned seconds = 600;      // video recorded
   unsigned fileSeconds = 60;   // record file duration
   unsigned sessions = 50;
+  unsigned rounds = 3;
   unsigned seeks = 200;
   std::string dir = "/tmp/bench_playback";
 };
@@ -66,6 +71,10 @@ struct ReadResult {
   uint64_t frames = 0;
   uint64_t bytes = 0;
   double seconds = 0;
+  double cpu = 0;  // process CPU seconds (every thread), where measured
+
+  double mbs() const { return static_cast<double>(bytes) / 1e6 / seconds; }
+  double cpuPerGB() const { return cpu / (static_cast<double>(bytes) / 1e9); }
 };
 
 // Reads a session to its end (blocking reads).
@@ -103,6 +112,52 @@ uint64_t plainRead(const std::vector<std::string>& files, std::vector<char>& buf
     ::close(fd);
   }
   return total;
+}
+
+// `readers` threads each reading every file once, in 1 MiB chunks as a player
+// reading a file in large pieces would.
+ReadResult plainMany(const std::vector<std::string>& files, unsigned readers) {
+  std::atomic<uint64_t> bytes{0};
+  const double cpu0 = ZarnBench::cpuSeconds();
+  auto t0 = Clock::now();
+  std::vector<std::thread> threads;
+  for (unsigned r = 0; r < readers; ++r)
+    threads.emplace_back([&] {
+      std::vector<char> b(1 << 20);
+      bytes += plainRead(files, b);
+    });
+  for (auto& t : threads) t.join();
+  ReadResult all;
+  all.seconds = since(t0);
+  all.cpu = ZarnBench::cpuSeconds() - cpu0;
+  all.bytes = bytes.load();
+  return all;
+}
+
+// `sessions` sessions over [begin, end] played forward to their end at once,
+// each drained by its own thread as a host would; frames, bytes and the wall
+// time of the whole.
+ReadResult playMany(CMediaClient& client, uint32_t sid, uint32_t begin, uint32_t end, unsigned sessions) {
+  std::atomic<uint64_t> bytes{0}, frames{0};
+  const double cpu0 = ZarnBench::cpuSeconds();
+  auto t0 = Clock::now();
+  std::vector<std::thread> threads;
+  for (unsigned s = 0; s < sessions; ++s)
+    threads.emplace_back([&] {
+      int id = client.addSession(sid, begin, end, true);
+      if (id < 0) std::abort();
+      ReadResult r = playSession(client, static_cast<unsigned>(id), false, false);
+      client.deleteSession(static_cast<unsigned>(id));
+      bytes += r.bytes;
+      frames += r.frames;
+    });
+  for (auto& t : threads) t.join();
+  ReadResult all;
+  all.seconds = since(t0);
+  all.cpu = ZarnBench::cpuSeconds() - cpu0;
+  all.bytes = bytes.load();
+  all.frames = frames.load();
+  return all;
 }
 
 double percentile(std::vector<double> v, double p) {
@@ -169,6 +224,7 @@ int main(int argc, char** argv) {
     else if (a == "--seconds") o.seconds = args.number();
     else if (a == "--file-seconds") o.fileSeconds = args.number();
     else if (a == "--sessions") o.sessions = args.number();
+    else if (a == "--rounds") o.rounds = args.number();
     else if (a == "--seeks") o.seeks = args.number();
     else if (a == "--dir") o.dir = args.value();
     else {
@@ -177,7 +233,8 @@ int main(int argc, char** argv) {
     }
   }
 
-  if (o.kbps == 0 || o.fps == 0 || o.gop == 0 || o.seconds == 0 || o.fileSeconds == 0 || o.sessions == 0) {
+  if (o.kbps == 0 || o.fps == 0 || o.gop == 0 || o.seconds == 0 || o.fileSeconds == 0 || o.sessions == 0 ||
+      o.rounds == 0) {
     std::fprintf(stderr, "all values must be positive\n");
     return 2;
   }
@@ -228,52 +285,48 @@ int main(int argc, char** argv) {
               " frames\n",
               o.kbps, o.fps, o.gop, o.seconds, files.size(), o.fileSeconds, recordedFrames);
 
-  // Plain read(2) of the record files, one reader and N readers at once (page
-  // cache warm for both sides: the files were just written).
+  // Plain read(2) of the record files against forward playback, one reader and
+  // N readers at once, in rounds. The page cache is warm for both sides: the
+  // files were just written, and one plain pass runs before the first round.
   std::vector<char> buffer(1 << 20);
   plainRead(files, buffer);
-  auto t0 = Clock::now();
-  const uint64_t plainBytes = plainRead(files, buffer);
-  const double plainSeconds = since(t0);
-  const double plainMBs = static_cast<double>(plainBytes) / 1e6 / plainSeconds;
-  t0 = Clock::now();
-  {
-    std::vector<std::thread> threads;
-    for (unsigned s = 0; s < o.sessions; ++s)
-      threads.emplace_back([&] {
-        std::vector<char> b(1 << 20);
-        plainRead(files, b);
-      });
-    for (auto& t : threads) t.join();
+  // Besides MB/s, CPU seconds per GB of every thread of the process: less
+  // sensitive to other load on the machine than the wall time.
+  std::vector<double> plainOne, plainN, libOne, libN, ratioOne, ratioN, cpuRatioN;
+  ReadResult fwd, many;
+  for (unsigned round = 0; round < o.rounds; ++round) {
+    // Each pair runs back to back, the side that goes first alternating.
+    const bool plainFirst = round % 2 == 0;
+    ReadResult p1, pn;
+    for (int side = 0; side < 2; ++side) {
+      if ((side == 0) == plainFirst) {
+        p1 = plainMany(files, 1);
+      } else {
+        fwd = playMany(client, sid, begin, end, 1);
+      }
+    }
+    for (int side = 0; side < 2; ++side) {
+      if ((side == 0) == plainFirst) {
+        pn = plainMany(files, o.sessions);
+      } else {
+        many = playMany(client, sid, begin, end, o.sessions);
+      }
+    }
+    plainOne.push_back(p1.mbs());
+    plainN.push_back(pn.mbs());
+    libOne.push_back(fwd.mbs());
+    libN.push_back(many.mbs());
+    ratioOne.push_back(fwd.mbs() / p1.mbs());
+    ratioN.push_back(many.mbs() / pn.mbs());
+    cpuRatioN.push_back(pn.cpuPerGB() / many.cpuPerGB());
+    std::printf("round %u: 1 reader: plain %7.1f MB/s, forward %7.1f MB/s, ratio %.2f; %u readers: plain %7.1f MB/s "
+                "%.3f CPU s/GB, forward %7.1f MB/s %.3f CPU s/GB, ratio %.2f (by CPU %.2f)\n",
+                round + 1, p1.mbs(), fwd.mbs(), ratioOne.back(), o.sessions, pn.mbs(), pn.cpuPerGB(), many.mbs(),
+                many.cpuPerGB(), ratioN.back(), cpuRatioN.back());
   }
-  const double plainManyMBs = static_cast<double>(plainBytes) * o.sessions / 1e6 / since(t0);
-
-  // Forward playback, one session.
-  int session = client.addSession(sid, begin, end, true);
-  ReadResult fwd = playSession(client, static_cast<unsigned>(session), false, false);
-  client.deleteSession(static_cast<unsigned>(session));
-  const double fwdMBs = static_cast<double>(fwd.bytes) / 1e6 / fwd.seconds;
-
-  // Forward playback, N sessions at once.
-  t0 = Clock::now();
-  std::atomic<uint64_t> manyBytes{0}, manyFrames{0};
-  {
-    std::vector<std::thread> threads;
-    for (unsigned s = 0; s < o.sessions; ++s)
-      threads.emplace_back([&] {
-        int id = client.addSession(sid, begin, end, true);
-        ReadResult r = playSession(client, static_cast<unsigned>(id), false, false);
-        client.deleteSession(static_cast<unsigned>(id));
-        manyBytes += r.bytes;
-        manyFrames += r.frames;
-      });
-    for (auto& t : threads) t.join();
-  }
-  const double manySeconds = since(t0);
-  const double manyMBs = static_cast<double>(manyBytes.load()) / 1e6 / manySeconds;
 
   // Key frames only, and reverse.
-  session = client.addSession(sid, begin, end, true);
+  int session = client.addSession(sid, begin, end, true);
   ReadResult keys = playSession(client, static_cast<unsigned>(session), true, false);
   client.deleteSession(static_cast<unsigned>(session));
   session = client.addSession(sid, begin, end, true);
@@ -281,13 +334,16 @@ int main(int argc, char** argv) {
   ReadResult rev = playSession(client, static_cast<unsigned>(session), false, true);
   client.deleteSession(static_cast<unsigned>(session));
 
-  std::printf("plain read(2):        %8.1f MB/s (1 reader), %8.1f MB/s (%u readers)\n", plainMBs, plainManyMBs,
-              o.sessions);
+  // Medians over the rounds; a ratio is the median of the rounds' ratios.
+  std::printf("plain read(2):        %8.1f MB/s (1 reader), %8.1f MB/s (%u readers)\n", percentile(plainOne, 0.5),
+              percentile(plainN, 0.5), o.sessions);
   std::printf("forward, 1 session:   %8.1f MB/s %10.0f frames/s  ratio to plain %.2f  (%" PRIu64 " frames)\n",
-              fwdMBs, static_cast<double>(fwd.frames) / fwd.seconds, fwdMBs / plainMBs, fwd.frames);
-  std::printf("forward, %u sessions: %8.1f MB/s %10.0f frames/s  ratio to plain %.2f  (%" PRIu64 " frames)\n",
-              o.sessions, manyMBs, static_cast<double>(manyFrames.load()) / manySeconds, manyMBs / plainManyMBs,
-              manyFrames.load());
+              percentile(libOne, 0.5), static_cast<double>(fwd.frames) / fwd.seconds, percentile(ratioOne, 0.5),
+              fwd.frames);
+  std::printf("forward, %u sessions: %8.1f MB/s %10.0f frames/s  ratio to plain %.2f, by CPU per GB %.2f  (%" PRIu64
+              " frames)\n",
+              o.sessions, percentile(libN, 0.5), static_cast<double>(many.frames) / many.seconds,
+              percentile(ratioN, 0.5), percentile(cpuRatioN, 0.5), many.frames);
   std::printf("key frames only:      %10.0f frames/s  (%" PRIu64 " frames)\n",
               static_cast<double>(keys.frames) / keys.seconds, keys.frames);
   std::printf("reverse:              %10.0f frames/s  (%" PRIu64 " frames)\n",

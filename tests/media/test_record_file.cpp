@@ -406,4 +406,45 @@ TEST_F(RecordFileTest, BufferedReadsSeeksAndTellAgreeWithTheBytes) {
   ASSERT_TRUE(file.close());
 }
 
+// Small reads take a whole buffer from the store; once it is used up, a read
+// of a frame-sized piece goes from the store straight to the caller in one
+// call. Bytes and positions agree either way, also after a seek.
+TEST_F(RecordFileTest, LargeReadsGoStraightToTheCallerOnceTheBufferIsUsedUp) {
+  CRecordFile file(m_fs, openName());
+  ASSERT_TRUE(file.openForWrite(4, 1));
+  std::vector<uint8_t> all(3 * CRecordFile::kReadBufferSize);
+  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<uint8_t>(i * 7 + i / 251);
+  ASSERT_EQ(file.write(all.data(), static_cast<uint32_t>(all.size())), static_cast<int64_t>(all.size()));
+  CRecordFile reader(m_fs, openName());
+  ASSERT_TRUE(reader.openForRead());
+
+  std::vector<uint8_t> got(all.size());
+  size_t have = 0;
+  // Reads `length` bytes (in as many calls as it takes); the store calls made.
+  auto readPiece = [&](uint32_t length) {
+    const uint64_t before = m_backend->callCount(StoreOp::FileRead);
+    const size_t want = have + length;
+    while (have < want) {
+      const int64_t n = reader.read(got.data() + have, static_cast<uint32_t>(want - have));
+      EXPECT_GT(n, 0);
+      if (n <= 0) break;
+      have += static_cast<size_t>(n);
+    }
+    EXPECT_EQ(reader.tell(), static_cast<int64_t>(have));
+    return m_backend->callCount(StoreOp::FileRead) - before;
+  };
+  EXPECT_EQ(readPiece(24), 1u);                                       // fills the buffer
+  EXPECT_EQ(readPiece(CRecordFile::kReadBufferSize - 24), 0u);        // uses it up
+  EXPECT_EQ(readPiece(CRecordFile::kDirectReadSize), 1u);             // straight in
+  EXPECT_EQ(readPiece(100), 1u);                                      // a new buffer
+  EXPECT_EQ(readPiece(CRecordFile::kDirectReadSize - 1), 0u);         // from it
+  EXPECT_EQ(0, std::memcmp(got.data(), all.data(), have));
+
+  // Back to a position before the buffer: the next large read goes straight in.
+  have = 10;
+  ASSERT_EQ(reader.seek(10, 0), 10);
+  EXPECT_EQ(readPiece(70000), 1u);
+  EXPECT_EQ(0, std::memcmp(got.data() + 10, all.data() + 10, 70000));
+}
+
 }  // namespace

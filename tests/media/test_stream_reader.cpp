@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <thread>
@@ -106,13 +107,15 @@ class StreamReaderTest : public ::testing::Test {
   void TearDown() override { CMediaContext::values().sdkState.store(0); }
 
   // Records `seconds` of a stream: `fps` frames a second, a key frame every
-  // `gop` frames, payloads of varying size. Appends what was written to `out`.
-  void recordFrames(uint32_t sid, uint32_t from, uint32_t seconds, Frames& out, uint32_t fps = 4, uint32_t gop = 8) {
+  // `gop` frames, payloads of varying size (or of `payload(sequence)` bytes).
+  // Appends what was written to `out`.
+  void recordFrames(uint32_t sid, uint32_t from, uint32_t seconds, Frames& out, uint32_t fps = 4, uint32_t gop = 8,
+                    const std::function<uint32_t(uint32_t)>& payload = nullptr) {
     for (uint32_t i = 0; i < seconds * fps; ++i) {
       const uint32_t seq = m_seq[sid]++;
       const bool key = seq % gop == 0;
       Frame f;
-      f.bytes = ZarnTest::makeFrame(key ? I : P, 0, seq, from + i / fps, 100 + (seq * 37) % 700);
+      f.bytes = ZarnTest::makeFrame(key ? I : P, 0, seq, from + i / fps, payload ? payload(seq) : 100 + (seq * 37) % 700);
       f.time = frameTime(f.bytes.data());
       f.key = key;
       VeltoFrame vf;
@@ -429,6 +432,100 @@ TEST_F(StreamReaderTest, DamagedBytesBetweenFramesAreSkipped) {
   expectSameFrames(got, written);
   EXPECT_TRUE(log.contains("InValidFrameHead. skip to frame head."));
   m_client.deleteSession(session);
+}
+
+// Frames go from the store into their items in pieces that depend on their
+// size: small ones through the record file's read buffer, larger ones straight
+// in, with the next frame's head read along. Every size, next to every other,
+// across a file cut and in every order, comes back whole.
+TEST_F(StreamReaderTest, FramesOfEverySizeComeBackWholeInEveryOrder) {
+  const uint32_t sid = 14;
+  const uint32_t sizes[] = {300, 20000, 200000, 16400, 0, 140000, 70000};  // payload bytes
+  Frames recorded;
+  ASSERT_EQ(m_client.addStream(sid, 1, true), 0);
+  recordFrames(sid, m_t0, 70, recorded, 4, 8, [&](uint32_t seq) { return sizes[seq % 7]; });
+  closeStream(sid);
+  ASSERT_GE(files(sid).size(), 2u);
+  const uint32_t end = m_t0 + 69;
+  {
+    const int session = m_client.addSession(sid, m_t0, end, false);
+    expectSameFrames(readAll(session, false, false), recorded);
+    EXPECT_TRUE(m_ended) << m_last;
+    m_client.deleteSession(session);
+  }
+  {
+    const int session = m_client.addSession(sid, m_t0, end, true);
+    expectSameFrames(readAll(session, true, false), keysOf(recorded));
+    EXPECT_TRUE(m_ended) << m_last;
+    m_client.deleteSession(session);
+  }
+  {
+    const int session = m_client.addSession(sid, m_t0, end, true);
+    ASSERT_EQ(m_client.seek(session, end), 0);
+    expectSameFrames(readAll(session, false, true), reverseGroups(recorded));
+    EXPECT_TRUE(m_ended) << m_last;
+    m_client.deleteSession(session);
+  }
+}
+
+// A head that passes its check but claims a length running over the frames
+// after it (its tail is no tail): the reader resynchronises over those bytes
+// and finds the frames inside them, smaller than what it holds, whole and at
+// their true offsets (reverse playback jumps by those offsets).
+TEST_F(StreamReaderTest, FramesInsideTheBytesOfAFalseHeadAreRecovered) {
+  const uint32_t sid = 15;
+  ASSERT_TRUE(store().createBucket(bucketName(sid, BUCKET_KIND_MEDIA)));
+  RecordFileName name;
+  name.streamId = sid;
+  name.beginTime = m_t0;
+  name.type = 1;
+  CRecordFile file(store(), name);
+  ASSERT_TRUE(file.openForWrite(4, 1));
+  Frames written;
+  std::vector<uint8_t> all;  // the file's data, to check what the false head covers
+  std::vector<size_t> offsets;
+  size_t falseHeadAt = 0;
+  const uint32_t falseLength = 1500;
+  for (uint32_t i = 0; i < 24; ++i) {
+    const bool key = i % 6 == 0;
+    std::vector<uint8_t> bytes = ZarnTest::makeFrame(key ? I : P, 0, i, m_t0 + i / 3, 200 + i);
+    ASSERT_EQ(file.write(bytes.data(), static_cast<uint32_t>(bytes.size())), static_cast<int64_t>(bytes.size()));
+    if (key) file.addIndex(I, 0, m_t0 + i / 3, static_cast<uint32_t>(bytes.size()));
+    file.setLastTime(m_t0 + i / 3);
+    offsets.push_back(all.size());
+    all.insert(all.end(), bytes.begin(), bytes.end());
+    written.push_back(Frame{bytes, m_t0 + i / 3, key});
+    if (i == 2) {
+      std::vector<uint8_t> head = ZarnTest::makeFrame(P, 0, 1000, m_t0, 0);
+      head.resize(kFrameHeadSize);
+      reinterpret_cast<VeltoFrameHead*>(head.data())->length = falseLength;
+      sealFrameHead(head.data());
+      ASSERT_EQ(file.write(head.data(), kFrameHeadSize), static_cast<int64_t>(kFrameHeadSize));
+      falseHeadAt = all.size();
+      all.insert(all.end(), head.begin(), head.end());
+    }
+  }
+  ASSERT_TRUE(file.close());
+  // The false frame covers several real frames, a key frame among them, and
+  // has no tail where its length says.
+  ASSERT_TRUE(checkFrameHead(&all[falseHeadAt]));
+  ASSERT_FALSE(checkFrameTail(&all[falseHeadAt + falseLength - kFrameTailSize]));
+  ASSERT_GT(falseHeadAt + falseLength, offsets[6] + written[6].bytes.size());
+
+  const uint32_t end = m_t0 + 7;
+  {
+    const int session = m_client.addSession(sid, m_t0, end, true);
+    expectSameFrames(readAll(session, false, false), written);
+    EXPECT_TRUE(m_ended) << m_last;
+    m_client.deleteSession(session);
+  }
+  {
+    const int session = m_client.addSession(sid, m_t0, end, true);
+    ASSERT_EQ(m_client.seek(session, end), 0);
+    expectSameFrames(readAll(session, false, true), reverseGroups(written));
+    EXPECT_TRUE(m_ended) << m_last;
+    m_client.deleteSession(session);
+  }
 }
 
 TEST_F(StreamReaderTest, AFileStillBeingWrittenMakesTheReaderWaitPastItsPadding) {
