@@ -37,5 +37,12 @@ for variant in "${variants[@]}"; do
         -DZARN_WARNINGS_AS_ERRORS=ON -DZARN_BUILD_BENCH=OFF >/dev/null
   cmake --build "$dir" -j2
   echo "== $variant tests"
-  ZARN_LOG_LEVEL=${ZARN_LOG_LEVEL:-off} ctest --test-dir "$dir" -j2 --output-on-failure --timeout 300
+  if [ "$variant" = thread ]; then
+    # libcephfs comes uninstrumented: ThreadSanitizer sees neither its locks nor its hand-offs between
+    # threads and reports races inside it and in the memory it fills. The Ceph tests skip in this build.
+    env -u ZARN_TEST_CEPH_ADDRESS -u ZARN_TEST_CEPH_DIR ZARN_LOG_LEVEL=${ZARN_LOG_LEVEL:-off} \
+      ctest --test-dir "$dir" -j2 --output-on-failure --timeout 300
+  else
+    ZARN_LOG_LEVEL=${ZARN_LOG_LEVEL:-off} ctest --test-dir "$dir" -j2 --output-on-failure --timeout 300
+  fi
 done
