@@ -320,9 +320,11 @@ TEST(ThreadDeathTest, CThreadDestroyedWhileItsProcedureRunsAborts) {
   class Forgetful : public CThread {
    public:
     Forgetful() : CThread("forgetful") {}
+    std::atomic<bool> entered{false};
 
    protected:
     void threadProc() override {
+      entered = true;
       while (isLooping()) sleepMs(1);
     }
   };
@@ -330,6 +332,9 @@ TEST(ThreadDeathTest, CThreadDestroyedWhileItsProcedureRunsAborts) {
       {
         auto* thread = new Forgetful();
         thread->create();
+        // Deleted before its procedure is entered, the thread would make a pure
+        // virtual call of its own instead of meeting the destructor's check.
+        while (!thread->entered) sleepMs(1);
         delete thread;  // no destroy(): a programming error
       },
       "destroy");
