@@ -323,12 +323,11 @@ bool CRecordFile::loadFromIndexFile() {
 }
 
 bool CRecordFile::writeRecordIndex() {
+  // One transfer for the whole region: the entries lie in memory as on disk.
   std::vector<IndexEntry> entries = m_index->entries();
-  for (const IndexEntry& e : entries) {
-    if (!blockWrite(*m_file, &e, sizeof(e))) {
-      KLOG_ERROR("#%d,CRecordFile::%s %d, write record index failed.\n", getLastError(), __FUNCTION__, __LINE__);
-      return false;
-    }
+  if (!blockWrite(*m_file, entries.data(), static_cast<uint32_t>(entries.size() * sizeof(IndexEntry)))) {
+    KLOG_ERROR("#%d,CRecordFile::%s %d, write record index failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    return false;
   }
   KLOG_DEBUG("#%d,CRecordFile::%s %d, write record index successful.\n", 0, __FUNCTION__, __LINE__);
   return true;

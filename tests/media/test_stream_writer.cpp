@@ -2,7 +2,11 @@
 // configuration file in the working directory sets small limits:
 // max_file_length 200000 bytes, max_file_duration 1800 s, min_cut_file_time 30 s.
 #include <gtest/gtest.h>
+#include <atomic>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <thread>
 
 #include "FaultInjectingBackend.h"
@@ -103,6 +107,85 @@ class StreamWriterTest : public ::testing::Test {
 };
 
 constexpr uint8_t I = FRAME_TYPE_I, P = FRAME_TYPE_P;
+
+// A store whose writes take at most `cap` bytes, and nothing at all on every
+// `zeroEvery`-th call: the short and empty answers of a busy store.
+class CShortWriteBackend : public CStoreBackendWrapper {
+ public:
+  CShortWriteBackend(std::shared_ptr<IStoreBackend> target, uint32_t cap, uint32_t zeroEvery)
+      : CStoreBackendWrapper(std::move(target)), m_cap(cap), m_zeroEvery(zeroEvery) {}
+  int createFile(const std::string& b, const std::string& n, const StoreLayout& layout,
+                 std::unique_ptr<IStoreFile>& out) override {
+    int rc = CStoreBackendWrapper::createFile(b, n, layout, out);
+    if (rc == 0) out = std::make_unique<File>(*this, std::move(out));
+    return rc;
+  }
+  uint64_t shortWrites() const { return m_short.load(); }
+  uint64_t emptyWrites() const { return m_empty.load(); }
+
+ private:
+  class File : public IStoreFile {
+   public:
+    File(CShortWriteBackend& owner, std::unique_ptr<IStoreFile> target) : m_owner(owner), m_target(std::move(target)) {}
+    int64_t read(void* buffer, uint32_t length) override { return m_target->read(buffer, length); }
+    int64_t write(const void* buffer, uint32_t length) override {
+      if (m_owner.m_zeroEvery != 0 && ++m_owner.m_calls % m_owner.m_zeroEvery == 0) {
+        ++m_owner.m_empty;
+        return 0;
+      }
+      if (length > m_owner.m_cap) ++m_owner.m_short;
+      return m_target->write(buffer, std::min(length, m_owner.m_cap));
+    }
+    int64_t seek(int64_t offset, int origin) override { return m_target->seek(offset, origin); }
+    int64_t tell() override { return m_target->tell(); }
+    int stat(StoreFileStat& out) override { return m_target->stat(out); }
+    int close() override { return m_target->close(); }
+
+   private:
+    CShortWriteBackend& m_owner;
+    std::unique_ptr<IStoreFile> m_target;
+  };
+
+  const uint32_t m_cap;
+  const uint32_t m_zeroEvery;
+  std::atomic<uint64_t> m_calls{0}, m_short{0}, m_empty{0};
+};
+
+// Every file of a stream's bucket under a local store root: path in the
+// bucket -> bytes.
+std::map<std::string, std::string> bucketContents(const std::string& root, uint32_t sid) {
+  std::map<std::string, std::string> out;
+  const std::filesystem::path bucket = std::filesystem::path(root) / bucketName(sid, BUCKET_KIND_MEDIA);
+  if (!std::filesystem::exists(bucket)) return out;
+  for (const auto& e : std::filesystem::recursive_directory_iterator(bucket)) {
+    if (!e.is_regular_file()) continue;
+    std::ifstream in(e.path(), std::ios::binary);
+    out[std::filesystem::relative(e.path(), bucket).string()] =
+        std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  return out;
+}
+
+// 80 s of a 5 fps stream: two frames before the first key frame, a key frame
+// every 2 s with a smart P frame between, a sequence gap (frames dropped until
+// the next key frame), a 700 s time hop (times from the millisecond counter,
+// then a cut), and cuts at the 200000-byte limit once 30 s have passed.
+struct ScriptFrame {
+  uint8_t type, subType;
+  uint32_t sequence, time;
+  uint16_t ms;
+};
+std::vector<ScriptFrame> recordingScript() {
+  std::vector<ScriptFrame> out{{P, 0, 0, T, 0}, {P, 0, 1, T, 200}};
+  uint32_t seq = 2;
+  for (uint32_t k = 0; k < 400; ++k) {
+    if (k == 123) ++seq;
+    const uint32_t time = T + k / 5 + (k >= 250 ? 700 : 0);
+    out.push_back({k % 10 == 0 ? I : P, static_cast<uint8_t>(k % 10 == 5 ? 1 : 0), seq++, time,
+                   static_cast<uint16_t>(400 + k * 200)});
+  }
+  return out;
+}
 
 std::string generateName(const RecordFileName& n) {
   std::string s;
@@ -277,6 +360,51 @@ TEST_F(StreamWriterTest, AnAsyncWriterClosedAtOnceKeepsEveryAcknowledgedFrame) {
     std::vector<RecordFileName> f = files(sid);
     ASSERT_EQ(f.size(), 1u) << "stream " << sid;
     EXPECT_EQ(framesIn(f[0]).size(), acknowledged) << "stream " << sid;
+  }
+}
+
+TEST_F(StreamWriterTest, AnAsyncWriterRecordsTheBytesOfASyncWriterWhateverTheStoreTakesPerWrite) {
+  const std::vector<ScriptFrame> script = recordingScript();
+  auto record = [&](std::shared_ptr<CZarnFileSystem> fs, bool sync) {
+    auto w = std::make_shared<CStreamWriter>(fs, 20, 1, sync);
+    for (const ScriptFrame& f : script) {
+      std::vector<uint8_t> bytes = ZarnTest::makeFrame(f.type, f.subType, f.sequence, f.time, 3000, f.ms);
+      VeltoFrame frame;
+      frame.attach(bytes.data());
+      unsigned long long written = 0;
+      int32_t r;
+      while ((r = w->writeFrame(&frame, 0, written)) == -2) Velto::Kandu::sleepMs(1);
+      ASSERT_EQ(r, 0);
+    }
+    EXPECT_FALSE(w->isFileFault());
+    closeAndWait(w);
+  };
+  record(m_fs, true);
+  const std::map<std::string, std::string> expected = bucketContents(m_root, 20);
+  ASSERT_EQ(expected.size(), 3u);  // cut by length, by the hop, by length
+
+  // The first file creation stalls, so the cache fills and passes carry many
+  // frames: written whole, in parts, and given up when the store takes nothing.
+  for (uint32_t cap : {0xFFFFFFFFu, 1000u}) {
+    SCOPED_TRACE(cap);
+    const std::string root = m_dir.sub("async" + std::to_string(cap));
+    auto shortWrites = std::make_shared<CShortWriteBackend>(makeLocalStoreBackend(root), cap, cap == 1000 ? 7 : 0);
+    auto backend = std::make_shared<CFaultInjectingBackend>(shortWrites);
+    FaultRule stall;
+    stall.op = StoreOp::CreateFile;
+    stall.stallMs = 300;
+    stall.failAfterStall = false;
+    stall.times = 1;
+    backend->addRule(stall);
+    auto fs = std::make_shared<CZarnFileSystem>();
+    Config config{root.c_str(), 0, "root", ""};
+    ASSERT_TRUE(fs->initializeWithBackend(config, backend));
+    record(fs, false);
+    EXPECT_TRUE(bucketContents(root, 20) == expected);
+    if (cap == 1000) {
+      EXPECT_GT(shortWrites->shortWrites(), 0u);
+      EXPECT_GT(shortWrites->emptyWrites(), 0u);
+    }
   }
 }
 
