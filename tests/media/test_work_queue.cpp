@@ -113,6 +113,73 @@ TEST(WorkQueue, PassingTheItemMutexWaitsForARunningExecute) {
   EXPECT_EQ(item.m_running.load(), 0);
 }
 
+// Submits `next` from inside its run, then keeps its thread until `next` has
+// run: an item left to a thread that stays busy is still run by another.
+class HandOffItem : public CWorkItem {
+ public:
+  HandOffItem(CWorkQueue& queue, CWorkItem& next, std::atomic<bool>& nextRan)
+      : m_queue(queue), m_next(next), m_nextRan(nextRan) {}
+  void execute() override {
+    m_submitted = m_queue.submit(&m_next);
+    for (int i = 0; i < 10000 && !m_nextRan.load(); ++i) Velto::Kandu::sleepMs(1);
+  }
+  std::atomic<bool> m_submitted{false};
+
+ private:
+  CWorkQueue& m_queue;
+  CWorkItem& m_next;
+  std::atomic<bool>& m_nextRan;
+};
+
+class FlagItem : public CWorkItem {
+ public:
+  explicit FlagItem(std::atomic<bool>& ran) : m_ran(ran) {}
+  void execute() override { m_ran = true; }
+
+ private:
+  std::atomic<bool>& m_ran;
+};
+
+TEST(WorkQueue, AnItemSubmittedByABusyRunStillRunsWhileThatRunLasts) {
+  std::atomic<bool> nextRan{false};
+  FlagItem next(nextRan);
+  CWorkQueue queue(2, true);
+  HandOffItem first(queue, next, nextRan);
+  ASSERT_TRUE(queue.submit(&first));
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return nextRan.load(); }));
+  EXPECT_TRUE(first.m_submitted.load());
+  queue.destroy();
+}
+
+TEST(WorkQueue, ManyShortSubmissionsAllRunOnce) {
+  // Items resubmitted from their own runs while others are submitted from
+  // outside: each runs once per submission, whichever thread takes it.
+  std::atomic<int> runs{0};
+  class Counting : public CWorkItem {
+   public:
+    Counting(std::atomic<int>& runs, CWorkQueue*& queue, int again) : m_runs(runs), m_queue(queue), m_again(again) {}
+    void execute() override {
+      ++m_runs;
+      if (m_again-- > 0) m_queue->submit(this);
+    }
+
+   private:
+    std::atomic<int>& m_runs;
+    CWorkQueue*& m_queue;
+    int m_again;
+  };
+  CWorkQueue queue(4, true);
+  CWorkQueue* q = &queue;
+  std::vector<std::unique_ptr<Counting>> items;
+  for (int i = 0; i < 50; ++i) items.push_back(std::make_unique<Counting>(runs, q, 9));
+  for (auto& item : items) ASSERT_TRUE(queue.submit(item.get()));
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return runs.load() == 500; }));
+  Velto::Kandu::sleepMs(150);  // and nothing runs beyond
+  EXPECT_EQ(runs.load(), 500);
+  EXPECT_EQ(queue.pendingCount(), 0u);
+  queue.destroy();
+}
+
 TEST(WorkQueue, DestroyDropsPendingItemsAndRefusesNewOnes) {
   SlowItem blocker;
   blocker.m_hold = true;
