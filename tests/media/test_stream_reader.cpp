@@ -199,6 +199,20 @@ class StreamReaderTest : public ::testing::Test {
     for (size_t i = 0; i < got.size(); ++i) ASSERT_EQ(got[i].bytes, want[i].bytes) << "frame " << i;
   }
 
+  // A whole session of [begin, end] in one order (the reverse orders from
+  // `end`): exactly `want`, then the end of the session.
+  void expectPlayback(uint32_t sid, uint32_t begin, uint32_t end, bool sync, bool keyOnly, bool reverse,
+                      const Frames& want) {
+    const int session = m_client.addSession(sid, begin, end, sync);
+    ASSERT_GT(session, 0);
+    if (reverse) {
+      ASSERT_EQ(m_client.seek(session, end), 0);
+    }
+    expectSameFrames(readAll(session, keyOnly, reverse), want);
+    EXPECT_TRUE(m_ended) << m_last;
+    m_client.deleteSession(session);
+  }
+
   ZarnTest::TempDir m_dir;
   std::string m_root = m_dir.sub("store");
   CMediaClientInternal m_client;
@@ -447,25 +461,9 @@ TEST_F(StreamReaderTest, FramesOfEverySizeComeBackWholeInEveryOrder) {
   closeStream(sid);
   ASSERT_GE(files(sid).size(), 2u);
   const uint32_t end = m_t0 + 69;
-  {
-    const int session = m_client.addSession(sid, m_t0, end, false);
-    expectSameFrames(readAll(session, false, false), recorded);
-    EXPECT_TRUE(m_ended) << m_last;
-    m_client.deleteSession(session);
-  }
-  {
-    const int session = m_client.addSession(sid, m_t0, end, true);
-    expectSameFrames(readAll(session, true, false), keysOf(recorded));
-    EXPECT_TRUE(m_ended) << m_last;
-    m_client.deleteSession(session);
-  }
-  {
-    const int session = m_client.addSession(sid, m_t0, end, true);
-    ASSERT_EQ(m_client.seek(session, end), 0);
-    expectSameFrames(readAll(session, false, true), reverseGroups(recorded));
-    EXPECT_TRUE(m_ended) << m_last;
-    m_client.deleteSession(session);
-  }
+  expectPlayback(sid, m_t0, end, false, false, false, recorded);
+  expectPlayback(sid, m_t0, end, true, true, false, keysOf(recorded));
+  expectPlayback(sid, m_t0, end, true, false, true, reverseGroups(recorded));
 }
 
 // A head that passes its check but claims a length running over the frames
@@ -513,19 +511,8 @@ TEST_F(StreamReaderTest, FramesInsideTheBytesOfAFalseHeadAreRecovered) {
   ASSERT_GT(falseHeadAt + falseLength, offsets[6] + written[6].bytes.size());
 
   const uint32_t end = m_t0 + 7;
-  {
-    const int session = m_client.addSession(sid, m_t0, end, true);
-    expectSameFrames(readAll(session, false, false), written);
-    EXPECT_TRUE(m_ended) << m_last;
-    m_client.deleteSession(session);
-  }
-  {
-    const int session = m_client.addSession(sid, m_t0, end, true);
-    ASSERT_EQ(m_client.seek(session, end), 0);
-    expectSameFrames(readAll(session, false, true), reverseGroups(written));
-    EXPECT_TRUE(m_ended) << m_last;
-    m_client.deleteSession(session);
-  }
+  expectPlayback(sid, m_t0, end, true, false, false, written);
+  expectPlayback(sid, m_t0, end, true, false, true, reverseGroups(written));
 }
 
 TEST_F(StreamReaderTest, AFileStillBeingWrittenMakesTheReaderWaitPastItsPadding) {
@@ -712,20 +699,8 @@ TEST_F(CephStreamReaderTest, RecordedIntoCephFSPlaysBackByteForByteInEveryOrder)
   const Frames recorded = record(sid);
   ASSERT_GE(files(sid).size(), 3u);
   const uint32_t end = m_t0 + 199;
-  {
-    const int session = m_client.addSession(sid, m_t0, end, false);
-    ASSERT_GT(session, 0);
-    expectSameFrames(readAll(session, false, false), recorded);
-    EXPECT_TRUE(m_ended) << m_last;
-    m_client.deleteSession(session);
-  }
-  {
-    const int session = m_client.addSession(sid, m_t0, end, true);
-    ASSERT_EQ(m_client.seek(session, end), 0);
-    expectSameFrames(readAll(session, false, true), reverseGroups(recorded));
-    EXPECT_TRUE(m_ended) << m_last;
-    m_client.deleteSession(session);
-  }
+  expectPlayback(sid, m_t0, end, false, false, false, recorded);
+  expectPlayback(sid, m_t0, end, true, false, true, reverseGroups(recorded));
   {
     const int session = m_client.addSession(sid, m_t0, end, true);
     ASSERT_EQ(m_client.seek(session, end), 0);
