@@ -199,6 +199,17 @@ class StreamReaderTest : public ::testing::Test {
     for (size_t i = 0; i < got.size(); ++i) ASSERT_EQ(got[i].bytes, want[i].bytes) << "frame " << i;
   }
 
+  // The open name of a record file of stream `sid` beginning at m_t0, its
+  // bucket made: for tests that write a file's bytes themselves.
+  RecordFileName openNameAtT0(uint32_t sid) {
+    EXPECT_TRUE(store().createBucket(bucketName(sid, BUCKET_KIND_MEDIA))) << getErrorMsg();
+    RecordFileName name;
+    name.streamId = sid;
+    name.beginTime = m_t0;
+    name.type = 1;
+    return name;
+  }
+
   // A whole session of [begin, end] in one order (the reverse orders from
   // `end`): exactly `want`, then the end of the session.
   void expectPlayback(uint32_t sid, uint32_t begin, uint32_t end, bool sync, bool keyOnly, bool reverse,
@@ -412,12 +423,7 @@ TEST_F(StreamReaderTest, AFileWithoutIndexRefusesReverseAndPlaysForwardByTime) {
 
 TEST_F(StreamReaderTest, DamagedBytesBetweenFramesAreSkipped) {
   const uint32_t sid = 7;
-  ASSERT_TRUE(store().createBucket(bucketName(sid, BUCKET_KIND_MEDIA)));
-  RecordFileName name;
-  name.streamId = sid;
-  name.beginTime = m_t0;
-  name.type = 1;
-  CRecordFile file(store(), name);
+  CRecordFile file(store(), openNameAtT0(sid));
   ASSERT_TRUE(file.openForWrite(4, 1));
   Frames written;
   const std::vector<std::vector<uint8_t>> junk = {
@@ -472,12 +478,7 @@ TEST_F(StreamReaderTest, FramesOfEverySizeComeBackWholeInEveryOrder) {
 // their true offsets (reverse playback jumps by those offsets).
 TEST_F(StreamReaderTest, FramesInsideTheBytesOfAFalseHeadAreRecovered) {
   const uint32_t sid = 15;
-  ASSERT_TRUE(store().createBucket(bucketName(sid, BUCKET_KIND_MEDIA)));
-  RecordFileName name;
-  name.streamId = sid;
-  name.beginTime = m_t0;
-  name.type = 1;
-  CRecordFile file(store(), name);
+  CRecordFile file(store(), openNameAtT0(sid));
   ASSERT_TRUE(file.openForWrite(4, 1));
   Frames written;
   std::vector<uint8_t> all;  // the file's data, to check what the false head covers

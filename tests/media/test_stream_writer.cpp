@@ -108,6 +108,16 @@ class StreamWriterTest : public ::testing::Test {
 
 constexpr uint8_t I = FRAME_TYPE_I, P = FRAME_TYPE_P;
 
+// The first file creation waits `ms` and then succeeds.
+FaultRule firstCreateStalls(uint32_t ms) {
+  FaultRule stall;
+  stall.op = StoreOp::CreateFile;
+  stall.stallMs = ms;
+  stall.failAfterStall = false;
+  stall.times = 1;
+  return stall;
+}
+
 // A store whose writes take at most `cap` bytes, and nothing at all on every
 // `zeroEvery`-th call: the short and empty answers of a busy store.
 class CShortWriteBackend : public CStoreBackendWrapper {
@@ -320,12 +330,7 @@ TEST_F(StreamWriterTest, FlushPadsToTheStripeWithAPaddingFrame) {
 
 TEST_F(StreamWriterTest, AnAsyncCacheHoldsAtMostAHundredFrames) {
   // The first file creation stalls, so the worker cannot drain the cache.
-  FaultRule stall;
-  stall.op = StoreOp::CreateFile;
-  stall.stallMs = 1500;
-  stall.failAfterStall = false;
-  stall.times = 1;
-  m_backend->addRule(stall);
+  m_backend->addRule(firstCreateStalls(1500));
   auto w = std::make_shared<CStreamWriter>(m_fs, 8, 1, false);
   int accepted = 0;
   unsigned long long taken = 1;
@@ -390,12 +395,7 @@ TEST_F(StreamWriterTest, AnAsyncWriterRecordsTheBytesOfASyncWriterWhateverTheSto
     const std::string root = m_dir.sub("async" + std::to_string(cap));
     auto shortWrites = std::make_shared<CShortWriteBackend>(makeLocalStoreBackend(root), cap, cap == 1000 ? 7 : 0);
     auto backend = std::make_shared<CFaultInjectingBackend>(shortWrites);
-    FaultRule stall;
-    stall.op = StoreOp::CreateFile;
-    stall.stallMs = 300;
-    stall.failAfterStall = false;
-    stall.times = 1;
-    backend->addRule(stall);
+    backend->addRule(firstCreateStalls(300));
     auto fs = std::make_shared<CZarnFileSystem>();
     Config config{root.c_str(), 0, "root", ""};
     ASSERT_TRUE(fs->initializeWithBackend(config, backend));
