@@ -93,6 +93,7 @@ class CMediaClientInternal : public IZarnListener {
   CZarnFileSystem* storeForTest() { return m_fs.get(); }
   uint32_t lastReportedStateForTest() const { return m_lastReportedState; }
   bool exceptionTimerRunningForTest() const { return m_exceptionTimer.isRunning(); }
+  bool antiShakeTimerRunningForTest() const { return m_antiShakeTimer.isRunning(); }
   bool fixIndexTimerRunningForTest() const { return m_fixIndexTimer.isRunning(); }
   int maxLockRatioForTest() const { return m_maxLockRatio; }
   bool hasRecyclePolicyForTest(unsigned streamId) const { return m_policies.has(streamId); }

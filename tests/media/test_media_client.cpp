@@ -121,6 +121,9 @@ TEST_F(MediaClientTest, StateChangesAreDebouncedBeforeTheHostHearsOfThem) {
   EXPECT_FALSE(client.exceptionTimerRunningForTest());
 
   // 1 -> 2 -> 1 within the delay: one timer run that sees where it began.
+  // The host hears of a change from inside the timer's run: a change made
+  // before that run has returned finds the timer pending and starts none.
+  ASSERT_TRUE(waitFor([&] { return !client.antiShakeTimerRunningForTest(); }));
   LogCapture log;
   client.onZarnStateChanged(fs, ZARN_STATE_FAILED);
   client.onZarnStateChanged(fs, ZARN_STATE_NORMAL);
