@@ -355,7 +355,7 @@ int main(int argc, char** argv) {
   PlainMount plainMount;
   if (!plainMount.open(monitors)) return 1;
   ceph_mount_info* pm = plainMount.get();
-  const uint32_t startedAt = static_cast<uint32_t>(Velto::Kandu::wallClockSeconds());
+  const uint32_t startedAt = static_cast<uint32_t>(Velto::Kandu::systemClock().wallClockSeconds());
   const std::string benchRoot = basePath + "/bench-ceph-" + std::to_string(::getpid()) + "-" + std::to_string(startedAt);
   if (int rc = ceph_mkdirs(pm, benchRoot.c_str(), 0755); rc != 0) {
     std::fprintf(stderr, "cannot make %s in CephFS: %s\n", benchRoot.c_str(), std::strerror(-rc));

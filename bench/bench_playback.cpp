@@ -260,7 +260,7 @@ int main(int argc, char** argv) {
   const uint32_t sid = 1;
   const uint32_t frameBytes = std::max<uint32_t>(64, o.kbps * 1000 / 8 / o.fps);
   const uint32_t keyBytes = frameBytes * 4;
-  const uint32_t begin = static_cast<uint32_t>(Velto::Kandu::wallClockSeconds()) - o.seconds - 3600;
+  const uint32_t begin = static_cast<uint32_t>(Velto::Kandu::systemClock().wallClockSeconds()) - o.seconds - 3600;
   const uint32_t end = begin + o.seconds - 1;
   if (client.addStream(sid, 1, true) != 0) return 1;
   uint64_t recordedFrames = 0;
@@ -351,7 +351,7 @@ int main(int argc, char** argv) {
 
   // Seeks on 30 days of 30-minute files.
   const uint32_t monthSid = 2;
-  const uint32_t monthBegin = (static_cast<uint32_t>(Velto::Kandu::wallClockSeconds()) - 31 * 86400) / 1800 * 1800;
+  const uint32_t monthBegin = (static_cast<uint32_t>(Velto::Kandu::systemClock().wallClockSeconds()) - 31 * 86400) / 1800 * 1800;
   unsigned monthFiles = 0;
   // A second connection to the same local store writes the files.
   Velto::Zarn::CZarnFileSystem writerFs;

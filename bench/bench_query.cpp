@@ -102,10 +102,12 @@ std::unique_ptr<QueryStore> g_store;
 
 void runOneDayClipList(benchmark::State& state, uint32_t streamId) {
   CZarnFileSystem& fs = g_store->fs();
+  CWritingFileTable writing;  // nothing is being written
+  const QueryEnv env{Velto::Kandu::systemClock(), writing, nullptr};
   size_t clipCount = 0;
   for (auto _ : state) {
     std::vector<RecordClip> clips;
-    if (queryRecordClipList(fs, streamId, kQueryDay, kQueryDay + kDaySeconds, clips, 3600) != 0) {
+    if (queryRecordClipList(env, fs, streamId, kQueryDay, kQueryDay + kDaySeconds, clips, 3600) != 0) {
       state.SkipWithError("queryRecordClipList failed");
       break;
     }

@@ -152,7 +152,7 @@ int main(int argc, char** argv) {
   std::filesystem::create_directories(o.store + "/plain");
 
   std::vector<Stream> streams(o.streams);
-  const uint32_t base = static_cast<uint32_t>(Velto::Kandu::wallClockSeconds());
+  const uint32_t base = static_cast<uint32_t>(Velto::Kandu::systemClock().wallClockSeconds());
   for (Stream& s : streams) {
     s.key = ZarnBench::makeFrame(Velto::Zarn::FRAME_TYPE_I, 0, base, frameLength(o, true));
     s.delta = ZarnBench::makeFrame(Velto::Zarn::FRAME_TYPE_P, 0, base, frameLength(o, false));

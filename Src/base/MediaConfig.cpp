@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "KanduFile.h"
-#include "KanduLog.h"
+#include "MediaLog.h"
 
 namespace Velto::Zarn {
 
@@ -24,8 +24,7 @@ void CMediaConfig::initWithFile(const std::string& path) {
 
   Velto::Kandu::CFile file;
   if (!file.open(path, "r")) {
-    KLOG_WARN("#%d,CMediaConfig::%s %d, load config file failed, maybe it doesn't exist (%s).\n", 0,
-              __FUNCTION__, __LINE__, path.c_str());
+    ZLOG(WARN, "CMediaConfig", 0, "load config file failed, maybe it doesn't exist (%s).\n", path.c_str());
   } else {
     std::string text;
     char piece[kLinePieceCapacity];
@@ -53,14 +52,12 @@ void CMediaConfig::initWithFile(const std::string& path) {
     }
 
     if (parsed) {
-      KLOG_TRACE("#%d,CMediaConfig::%s %d, load & parse config file successfully (%s):\n%s\n", 0,
-                 __FUNCTION__, __LINE__, path.c_str(), text.c_str());
+      ZLOG(TRACE, "CMediaConfig", 0, "load & parse config file successfully (%s):\n%s\n", path.c_str(), text.c_str());
       m_root = std::move(root);
       m_loaded = true;
     } else {
-      KLOG_ERROR("#%d,CMediaConfig::%s %d, parse config file failed (%s):\n%s\n", 0, __FUNCTION__, __LINE__,
-                 path.c_str(), text.c_str());
-      KLOG_ERROR("#%d,CMediaConfig::%s %d, err msg: %s.\n\n", 0, __FUNCTION__, __LINE__, errors.c_str());
+      ZLOG(ERROR, "CMediaConfig", 0, "parse config file failed (%s):\n%s\n", path.c_str(), text.c_str());
+      ZLOG(ERROR, "CMediaConfig", 0, "err msg: %s.\n\n", errors.c_str());
     }
   }
 
@@ -111,20 +108,18 @@ int32_t CMediaConfig::getInt(const std::string& key, int32_t defaultValue) const
   if (!m_loaded) return defaultValue;
   const Json::Value* member = findMember(key);
   if (member == nullptr) {
-    KLOG_WARN("#%d,CMediaConfig::%s %d, key (%s) does not exist\n", 0, __FUNCTION__, __LINE__, key.c_str());
+    ZLOG(WARN, "CMediaConfig", 0, "key (%s) does not exist\n", key.c_str());
     return defaultValue;
   }
   if (member->type() != Json::intValue) {
-    KLOG_ERROR("#%d,CMediaConfig::%s %d, the value of (%s) is not %s, the real type is %d\n\n", 0, __FUNCTION__,
-               __LINE__, key.c_str(), "Int", static_cast<int>(member->type()));
+    ZLOG(ERROR, "CMediaConfig", 0, "the value of (%s) is not %s, the real type is %d\n\n", key.c_str(), "Int", static_cast<int>(member->type()));
     return defaultValue;
   }
   // jsoncpp types positive literals above 2^31-1 as unsigned (refused above),
   // but keeps negative ones down to -2^63 signed; the narrowing accessor would
   // throw for those below the 32-bit range.
   if (!member->isInt()) {
-    KLOG_ERROR("#%d,CMediaConfig::%s %d, the value of (%s) is out of the Int range\n\n", 0, __FUNCTION__,
-               __LINE__, key.c_str());
+    ZLOG(ERROR, "CMediaConfig", 0, "the value of (%s) is out of the Int range\n\n", key.c_str());
     return defaultValue;
   }
   return member->asInt();
@@ -134,12 +129,11 @@ double CMediaConfig::getDouble(const std::string& key, double defaultValue) cons
   if (!m_loaded) return defaultValue;
   const Json::Value* member = findMember(key);
   if (member == nullptr) {
-    KLOG_WARN("#%d,CMediaConfig::%s %d, key (%s) does not exist\n", 0, __FUNCTION__, __LINE__, key.c_str());
+    ZLOG(WARN, "CMediaConfig", 0, "key (%s) does not exist\n", key.c_str());
     return defaultValue;
   }
   if (member->type() != Json::realValue) {
-    KLOG_ERROR("#%d,CMediaConfig::%s %d, the value of (%s) is not %s, the real type is %d\n\n", 0, __FUNCTION__,
-               __LINE__, key.c_str(), "Double", static_cast<int>(member->type()));
+    ZLOG(ERROR, "CMediaConfig", 0, "the value of (%s) is not %s, the real type is %d\n\n", key.c_str(), "Double", static_cast<int>(member->type()));
     return defaultValue;
   }
   return member->asDouble();
@@ -149,12 +143,11 @@ std::string CMediaConfig::getString(const std::string& key, const std::string& d
   if (!m_loaded) return defaultValue;
   const Json::Value* member = findMember(key);
   if (member == nullptr) {
-    KLOG_WARN("#%d,CMediaConfig::%s %d, key (%s) does not exist\n", 0, __FUNCTION__, __LINE__, key.c_str());
+    ZLOG(WARN, "CMediaConfig", 0, "key (%s) does not exist\n", key.c_str());
     return defaultValue;
   }
   if (member->type() != Json::stringValue) {
-    KLOG_ERROR("#%d,CMediaConfig::%s %d, the value of (%s) is not %s, the real type is %d\n\n", 0, __FUNCTION__,
-               __LINE__, key.c_str(), "String", static_cast<int>(member->type()));
+    ZLOG(ERROR, "CMediaConfig", 0, "the value of (%s) is not %s, the real type is %d\n\n", key.c_str(), "String", static_cast<int>(member->type()));
     return defaultValue;
   }
   return member->asString();
@@ -162,7 +155,7 @@ std::string CMediaConfig::getString(const std::string& key, const std::string& d
 
 bool CMediaConfig::getArray(const std::string& key, Json::Value& out) const {
   if (!hasMember(key) || !m_root[key].isArray()) {
-    KLOG_WARN("#%d,CMediaConfig::%s %d, key (%s) does not exist\n", 0, __FUNCTION__, __LINE__, key.c_str());
+    ZLOG(WARN, "CMediaConfig", 0, "key (%s) does not exist\n", key.c_str());
     return false;
   }
   out = m_root[key];
@@ -175,8 +168,7 @@ bool CMediaConfig::getArray(const std::string& key, std::vector<std::string>& ou
   if (!getArray(key, array)) return false;
   for (const Json::Value& element : array) {
     if (element.type() != Json::stringValue) {
-      KLOG_ERROR("#%d,CMediaConfig::%s %d, the value of (%s) is not %s, the real type is %d\n\n", 0, __FUNCTION__,
-                 __LINE__, key.c_str(), "String", static_cast<int>(element.type()));
+      ZLOG(ERROR, "CMediaConfig", 0, "the value of (%s) is not %s, the real type is %d\n\n", key.c_str(), "String", static_cast<int>(element.type()));
       continue;
     }
     out.push_back(element.asString());
@@ -248,7 +240,7 @@ void CMediaConfig::display(std::string& out) const {
   text << "getMediaSdkFlushTimer : " << getMediaSdkFlushTimer() << "\n";
   text << "getRecycleHours : " << getRecycleHours() << "\n";
   out = text.str();
-  KLOG_INFO("#%d,CMediaConfig::%s %d, MediaConfig: %s\n", 0, __FUNCTION__, __LINE__, out.c_str());
+  ZLOG(INFO, "CMediaConfig", 0, "MediaConfig: %s\n", out.c_str());
 }
 
 }  // namespace Velto::Zarn

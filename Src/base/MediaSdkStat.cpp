@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "KanduFile.h"
-#include "KanduLog.h"
+#include "MediaLog.h"
 #include "KanduThread.h"
 #include "KanduTime.h"
 
@@ -23,7 +23,7 @@ T takeCounter(Velto::Kandu::CMutex& mutex, T& counter) {
 
 }  // namespace
 
-CMediaSdkStat::CMediaSdkStat() : m_timer("MEDIA_SDK_STAT_TIMER_NAME") {}
+CMediaSdkStat::CMediaSdkStat(Velto::Kandu::IClock& clock) : m_clock(clock), m_timer("MEDIA_SDK_STAT_TIMER_NAME", clock) {}
 
 CMediaSdkStat::~CMediaSdkStat() { m_timer.stop(true); }
 
@@ -83,7 +83,7 @@ void CMediaSdkStat::startTimer(const std::string& path, uint32_t interval) {
     m_doc.clear();
   }
   m_timer.start([this](Velto::Kandu::CTimer*) { tick(); }, kFirstTickDelayMs, kTickPeriodMs);
-  KLOG_INFO("#%d,CMediaSdkStat::%s %d, Start MediaSdk Timer to record status info.\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(INFO, "CMediaSdkStat", 0, "Start MediaSdk Timer to record status info.\n");
 }
 
 void CMediaSdkStat::setStreamCounter(std::function<int32_t()> counter) {
@@ -97,10 +97,6 @@ void CMediaSdkStat::setRenameRetryDelay(uint32_t ms) {
 }
 
 void CMediaSdkStat::tickNow() { tick(); }
-
-std::string CMediaSdkStat::currentTimeText() {
-  return Velto::Kandu::CTime::now().format("yyyy-MM-dd HH:mm:ss");
-}
 
 void CMediaSdkStat::tick() {
   Velto::Kandu::CAutoLock tickLock(m_tickMutex);
@@ -125,7 +121,7 @@ void CMediaSdkStat::tick() {
   m_doc["loop.overwrite.delete.capacity"] =
       Json::UInt64(takeCounter(m_loopOverwriteDeleteBytesMutex, m_loopOverwriteDeleteBytes) >> 20);
   char ctime[32];
-  std::snprintf(ctime, sizeof(ctime), "%" PRId64, Velto::Kandu::CTime::now().getTime());
+  std::snprintf(ctime, sizeof(ctime), "%" PRId64, Velto::Kandu::CTime::now(m_clock).getTime());
   m_doc["ctime"] = ctime;
 
   Json::StyledWriter writer;
@@ -136,16 +132,14 @@ void CMediaSdkStat::tick() {
 bool CMediaSdkStat::dumpToStatFile(const std::string& tempPath, const std::string& text) {
   Velto::Kandu::CFile file;
   if (!file.open(tempPath, "w+")) {
-    KLOG_ERROR("#%d,CMediaSdkStat::%s %d, failed to open status file(%s).\n", 0, __FUNCTION__, __LINE__,
-               tempPath.c_str());
+    ZLOG(ERROR, "CMediaSdkStat", 0, "failed to open status file(%s).\n", tempPath.c_str());
     return false;
   }
   size_t done = 0;
   while (done < text.size()) {
     int64_t n = file.write(text.data() + done, text.size() - done);
     if (n <= 0) {
-      KLOG_ERROR("#%d,CMediaSdkStat::%s %d, failed to write status file(%s).\n", 0, __FUNCTION__, __LINE__,
-                 tempPath.c_str());
+      ZLOG(ERROR, "CMediaSdkStat", 0, "failed to write status file(%s).\n", tempPath.c_str());
       file.close();
       return false;
     }
@@ -160,7 +154,7 @@ bool CMediaSdkStat::renameStatFile(const std::string& tempPath, const std::strin
     if (Velto::Kandu::CFile::rename(tempPath, path)) return true;
     if (attempt + 1 < kRenameAttempts) Velto::Kandu::sleepMs(retryDelayMs);
   }
-  KLOG_ERROR("#%d,CMediaSdkStat::%s %d, Rename stat file failed\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(ERROR, "CMediaSdkStat", 0, "Rename stat file failed\n");
   return false;
 }
 

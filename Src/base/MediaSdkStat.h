@@ -50,8 +50,9 @@ class CMediaSdkStat {
   static constexpr uint32_t kRenameAttempts = 11;
   static constexpr uint32_t kRenameRetryDelayMs = 1000;
 
-  // Counters 0, timer stopped: counts, writes nothing.
-  CMediaSdkStat();
+  // Counters 0, timer stopped: counts, writes nothing. Ticks fall due on
+  // `clock`, which also stamps "ctime" (and must outlive this object).
+  explicit CMediaSdkStat(Velto::Kandu::IClock& clock = Velto::Kandu::systemClock());
   // Stops the timer and waits for a running tick.
   ~CMediaSdkStat();
   CMediaSdkStat(const CMediaSdkStat&) = delete;
@@ -84,7 +85,6 @@ class CMediaSdkStat {
   void setRenameRetryDelay(uint32_t ms);
 
   // The current wall-clock time as "yyyy-MM-dd HH:mm:ss".
-  static std::string currentTimeText();
 
  private:
   void tick();
@@ -122,6 +122,7 @@ class CMediaSdkStat {
   uint32_t m_renameRetryDelayMs = kRenameRetryDelayMs;
   std::function<int32_t()> m_streamCounter;
 
+  Velto::Kandu::IClock& m_clock;
   // Declared last: destroyed first, so no tick can outlive the members above.
   Velto::Kandu::CTimer m_timer;
 };

@@ -1,11 +1,10 @@
-#include "KanduTime.h"
-#include "MediaContext.h"
+#include "MediaValues.h"
 
 namespace Velto::Zarn {
 
-CMediaValues& CMediaContext::values() {
-  static CMediaValues* v = new CMediaValues();  // never destroyed: outlives every static user
-  return *v;
+CMediaValues& CMediaValues::instance() {
+  static CMediaValues* values = new CMediaValues();  // never destroyed: outlives every static user
+  return *values;
 }
 
 void CMediaValues::setStoreUserName(const std::string& name) {
@@ -24,9 +23,12 @@ std::string CMediaValues::bucketPrefix() const {
   return m_storeUserName + "_";
 }
 
-uint32_t CMediaValues::localNow() const {
-  return static_cast<uint32_t>(Velto::Kandu::wallClockSeconds() +
-                               static_cast<int64_t>(timeZoneDiff.load(std::memory_order_relaxed)) * 3600);
+int64_t CMediaValues::localTime(int64_t utcSeconds) const {
+  return utcSeconds + static_cast<int64_t>(timeZoneDiff.load(std::memory_order_relaxed)) * 3600;
+}
+
+uint32_t CMediaValues::localNow(const Velto::Kandu::IClock& clock) const {
+  return static_cast<uint32_t>(localTime(clock.wallClockSeconds()));
 }
 
 }  // namespace Velto::Zarn

@@ -1,8 +1,14 @@
 // CMediaClientInternal: everything behind the exported CMediaClient.
 //
 // Owns the store connection and the client's three timers; reads and writes
-// the process-wide values of CMediaContext. Engines (writers, readers) belong
-// to the process-wide registry, not to the client, and outlive it.
+// the process-wide values. Engines (writers, readers) belong to the
+// process-wide registry, not to the client, and outlive it.
+//
+// Time: the client runs on the clock it is given (the system clock for a
+// host): its timers fall due on it, and "now" for record times is read from
+// it, for the client and for the queries and engines it creates. A test gives
+// a manual clock and moves it past the debounce, the watchdog and the hourly
+// index-fix scan.
 //
 // Locking: m_stateMutex serialises initialize, the store's state notifications
 // (store client thread) and the anti-shake procedure (timer thread); the host's
@@ -20,26 +26,26 @@
 #include "CoverPolicy.h"
 #include "KanduSync.h"
 #include "KanduTimer.h"
+#include "KanduClock.h"
 #include "LocalStoreMgr.h"
+#include "QueryEnv.h"
 #include "ZarnClient.h"
 #include "ZarnMediaClient.h"
 
 namespace Velto::Zarn {
 
-// Timer delays of a client, in ms. The defaults are the production values;
-// tests shorten them with setTimingsForTest before constructing a client.
-struct MediaClientTimings {
-  uint32_t antiShakeDelay = 60000;            // debounce of store state changes
-  uint32_t fixIndexDelay = 1200000;           // first index-fix scan after 20 min
-  uint32_t fixIndexPeriod = 3600000;          // then hourly, over the last period
-  uint32_t exceptionDelay = 3600000;          // watchdog: first check after 1 h failed
-  uint32_t exceptionPeriod = 300000;          // then every 5 min
-  uint32_t exceptionExecTimeout = 60000;
-};
-
 class CMediaClientInternal : public IZarnListener {
  public:
-  CMediaClientInternal();
+  // Timer delays, ms of the client's clock.
+  static constexpr uint32_t kAntiShakeDelayMs = 60000;     // debounce of store state changes
+  static constexpr uint32_t kFixIndexDelayMs = 1200000;    // first index-fix scan after 20 min
+  static constexpr uint32_t kFixIndexPeriodMs = 3600000;   // then hourly, over the last period
+  static constexpr uint32_t kExceptionDelayMs = 3600000;   // watchdog: first check after 1 h failed
+  static constexpr uint32_t kExceptionPeriodMs = 300000;   // then every 5 min
+  static constexpr uint32_t kExceptionExecTimeoutMs = 60000;
+
+  // `clock` must outlive the client.
+  explicit CMediaClientInternal(Velto::Kandu::IClock& clock = Velto::Kandu::systemClock());
   ~CMediaClientInternal() override;
   CMediaClientInternal(const CMediaClientInternal&) = delete;
   CMediaClientInternal& operator=(const CMediaClientInternal&) = delete;
@@ -88,8 +94,6 @@ class CMediaClientInternal : public IZarnListener {
   int deleteRecord(const std::string& cameraId, std::list<unsigned>& streamIds);
 
   // Test seams.
-  static void setTimingsForTest(const MediaClientTimings& timings);
-  static MediaClientTimings defaultTimings() { return MediaClientTimings(); }
   CZarnFileSystem* storeForTest() { return m_fs.get(); }
   uint32_t lastReportedStateForTest() const { return m_lastReportedState; }
   bool exceptionTimerRunningForTest() const { return m_exceptionTimer.isRunning(); }
@@ -104,7 +108,9 @@ class CMediaClientInternal : public IZarnListener {
   void fixIndexTimerProc(Velto::Kandu::CTimer* timer);
   void applyConfigToStore();
   CZarnFileSystem& store() const;  // aborts when the handle is missing
+  QueryEnv queryEnv() const;
 
+  Velto::Kandu::IClock& m_clock;
   // Shared with the engines, which may outlive the client (they belong to the
   // process-wide registry); replaced by initialize after a failed store init.
   std::shared_ptr<CZarnFileSystem> m_fs;
@@ -115,7 +121,6 @@ class CMediaClientInternal : public IZarnListener {
   Velto::Kandu::TFunction1<void, ZarnState> m_stateCallback;  // guarded by m_stateMutex
   CLocalStoreMgr m_localStore;
   CCoverPolicies m_policies;  // the cover engine's policy map until that engine runs passes
-  MediaClientTimings m_timings;
   uint32_t m_lastReportedState = 0;       // guarded by m_stateMutex
   // Timers last: destroyed first, so no procedure outlives the members it uses.
   Velto::Kandu::CTimer m_antiShakeTimer;

@@ -42,4 +42,16 @@ CWorkQueue& CMediaContext::indexFixQueue() {
   return *m_indexFixQueue;
 }
 
+QueryEnv CMediaContext::queryEnv(const Velto::Kandu::IClock& clock) {
+  return QueryEnv{clock, *m_writingFiles, indexFixSink()};
+}
+
+EngineEnv CMediaContext::writerEnv(const Velto::Kandu::IClock& clock) {
+  return EngineEnv{writerQueue(), *m_writingFiles, *m_stats, *m_config, queryEnv(clock)};
+}
+
+EngineEnv CMediaContext::readerEnv(const Velto::Kandu::IClock& clock) {
+  return EngineEnv{readerQueue(), *m_writingFiles, *m_stats, *m_config, queryEnv(clock)};
+}
+
 }  // namespace Velto::Zarn

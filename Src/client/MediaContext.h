@@ -3,15 +3,21 @@
 // Created on first use and never destroyed before the process ends, so that it
 // outlives every CMediaClient. It holds the configuration (loaded from
 // "MediaConfig.cfg" in the working directory when the context is created), the
-// statistics, the stream registry, the work queues and the process-wide values
-// below.
+// statistics, the stream registry, the table of files being written and the
+// work queues. The process-wide values the host sets live apart, at the bottom
+// of the library (CMediaValues), so that the lowest layers may read them.
+//
+// Only the client layer reaches the context. It hands the layers below what
+// they need, assembled per client: a QueryEnv for the record queries and an
+// EngineEnv for each engine it creates.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
 #include <memory>
 #include <mutex>
-#include <string>
+
+#include "EngineEnv.h"
+#include "KanduClock.h"
+#include "QueryEnv.h"
 
 namespace Velto::Zarn {
 
@@ -21,42 +27,9 @@ class CStreamMgr;
 class CWorkQueue;
 class CWritingFileTable;
 
-// Values written by the client facade and read everywhere else. Plain words:
-// hosts set them before initialize; readers take what is current.
-struct CMediaValues {
-  static constexpr uint32_t kDefaultMaxFrameSize = 4194304;
-  static constexpr uint32_t kEcUnit = 32768;
-
-  std::atomic<uint32_t> sdkState{0};       // 0 not initialised; else the last accepted ZarnState
-  std::atomic<int32_t> timeZoneDiff{0};    // hours added to the local clock for "now"
-  std::atomic<int32_t> maxFrameSize{static_cast<int32_t>(kDefaultMaxFrameSize)};  // bytes
-  std::atomic<uint16_t> ecDataNum{4};
-  std::atomic<uint16_t> ecParityNum{1};
-  std::atomic<uint32_t> ecUnit{kEcUnit};
-  std::atomic<uint32_t> ecStripeSize{4 * kEcUnit};  // ecDataNum * ecUnit, bytes
-
-  // The store user of the last initialize; the bucket-name prefix derives from it.
-  void setStoreUserName(const std::string& name);
-  std::string storeUserName() const;
-  // "" for the user "root" (and before any initialize), else user name + "_".
-  std::string bucketPrefix() const;
-
-  // Local "now" in seconds: the wall clock plus timeZoneDiff hours.
-  uint32_t localNow() const;
-
- private:
-  mutable std::mutex m_nameMutex;
-  std::string m_storeUserName;  // guarded by m_nameMutex
-};
-
 class CMediaContext {
  public:
   static CMediaContext& instance();
-
-  // The process-wide values live apart from the rest of the context so that
-  // reading them (frame checks, names) never creates the context and so never
-  // loads the configuration file.
-  static CMediaValues& values();
 
   CMediaConfig& config() { return *m_config; }
   CMediaSdkStat& stats() { return *m_stats; }
@@ -68,6 +41,14 @@ class CMediaContext {
   CWorkQueue& writerQueue();
   CWorkQueue& readerQueue();
   CWorkQueue& indexFixQueue();
+  // Where files without a usable index go: no index repair runs in this
+  // build, so none (the queries still count them).
+  IIndexFixSink* indexFixSink() { return nullptr; }
+
+  // What the queries, writers and readers of a client on `clock` work with.
+  QueryEnv queryEnv(const Velto::Kandu::IClock& clock);
+  EngineEnv writerEnv(const Velto::Kandu::IClock& clock);
+  EngineEnv readerEnv(const Velto::Kandu::IClock& clock);
 
  private:
   CMediaContext();

@@ -1,6 +1,6 @@
 #include "StreamMgr.h"
 
-#include "KanduLog.h"
+#include "MediaLog.h"
 
 namespace Velto::Zarn {
 
@@ -14,8 +14,7 @@ void CStreamMgr::addStreamWriter(uint32_t id, std::shared_ptr<CStreamWriter> wri
     m_writers.emplace(id, writer);
     count = m_writers.size();
   }
-  KLOG_TRACE("#%d,StreamMgr::%s %d, addStreamWriter: id:%u writer:%p. allCount: %ld\n", 0, __FUNCTION__, __LINE__,
-             id, static_cast<void*>(writer.get()), static_cast<long>(count));
+  ZLOG(TRACE, "StreamMgr", 0, "addStreamWriter: id:%u writer:%p. allCount: %ld\n", id, static_cast<void*>(writer.get()), static_cast<long>(count));
 }
 
 int32_t CStreamMgr::addStreamReader(std::shared_ptr<CStreamReader> reader) {
@@ -33,14 +32,13 @@ int32_t CStreamMgr::addStreamReader(std::shared_ptr<CStreamReader> reader) {
     m_readers.emplace(candidate, reader);
     count = m_readers.size();
   }
-  KLOG_TRACE("#%d,StreamMgr::%s %d, addStreamReader: id:%d reader:%p. allCount: %ld\n", 0, __FUNCTION__, __LINE__,
-             candidate, static_cast<void*>(reader.get()), static_cast<long>(count));
+  ZLOG(TRACE, "StreamMgr", 0, "addStreamReader: id:%d reader:%p. allCount: %ld\n", candidate, static_cast<void*>(reader.get()), static_cast<long>(count));
   return candidate;
 }
 
-void CStreamMgr::delStreamWriter(uint32_t id) {
+std::shared_ptr<CStreamWriter> CStreamMgr::delStreamWriter(uint32_t id) {
   size_t count;
-  std::shared_ptr<CStreamWriter> released;  // dropped outside the lock
+  std::shared_ptr<CStreamWriter> released;  // handed back, outside the lock
   {
     CWriteLock lock(m_writersLock);
     auto it = m_writers.find(id);
@@ -50,11 +48,11 @@ void CStreamMgr::delStreamWriter(uint32_t id) {
     }
     count = m_writers.size();
   }
-  KLOG_TRACE("#%d,StreamMgr::%s %d, delStreamWriter: id:%u. allCount: %d\n", 0, __FUNCTION__, __LINE__, id,
-             static_cast<int>(count));
+  ZLOG(TRACE, "StreamMgr", 0, "delStreamWriter: id:%u. allCount: %d\n", id, static_cast<int>(count));
+  return released;
 }
 
-void CStreamMgr::delStreamReader(int32_t id) {
+std::shared_ptr<CStreamReader> CStreamMgr::delStreamReader(int32_t id) {
   size_t count;
   std::shared_ptr<CStreamReader> released;
   {
@@ -66,8 +64,8 @@ void CStreamMgr::delStreamReader(int32_t id) {
     }
     count = m_readers.size();
   }
-  KLOG_TRACE("#%d,StreamMgr::%s %d, delStreamReader: id:%d. allCount: %ld\n", 0, __FUNCTION__, __LINE__, id,
-             static_cast<long>(count));
+  ZLOG(TRACE, "StreamMgr", 0, "delStreamReader: id:%d. allCount: %ld\n", id, static_cast<long>(count));
+  return released;
 }
 
 std::shared_ptr<CStreamWriter> CStreamMgr::getStreamWriter(uint32_t id) {

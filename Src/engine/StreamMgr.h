@@ -28,8 +28,10 @@ class CStreamMgr {
   // Registers a reader under a fresh session id and returns it: 1, 2, 3, ...
   // skipping ids still in use.
   int32_t addStreamReader(std::shared_ptr<CStreamReader> reader);
-  void delStreamWriter(uint32_t id);
-  void delStreamReader(int32_t id);
+  // Takes the id out of the registry and hands back its engine (empty when the
+  // id is not registered): of two concurrent deletions one gets the engine.
+  std::shared_ptr<CStreamWriter> delStreamWriter(uint32_t id);
+  std::shared_ptr<CStreamReader> delStreamReader(int32_t id);
   // Empty when the id is not registered.
   std::shared_ptr<CStreamWriter> getStreamWriter(uint32_t id);
   std::shared_ptr<CStreamReader> getStreamReader(int32_t id);

@@ -3,24 +3,18 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "KanduLog.h"
-#include "KanduThread.h"
-#include "MediaConfig.h"
-#include "MediaContext.h"
-#include "MediaSdkStat.h"
+#include "BlockTransfer.h"
+#include "MediaLog.h"
+#include "MediaValues.h"
 #include "RecordFileName.h"
 #include "VeltoFrame.h"
-#include "WritingFiles.h"
 
 namespace Velto::Zarn {
 
 using Velto::Kandu::CAutoLock;
-using Velto::Kandu::CTimer;
-using Velto::Kandu::TimerProcedure;
 
-#define WLOG(level, fmt, ...)                                                                            \
-  KLOG_AT(level, "#%d,CStreamWriter::%s %d, sid(%d)" fmt, 0, __FUNCTION__, __LINE__, static_cast<int>(m_sid) \
-              __VA_OPT__(, ) __VA_ARGS__)
+#define WLOG(level, fmt, ...) \
+  ZLOG(level, "CStreamWriter", 0, "sid(%d)" fmt, static_cast<int>(m_sid) __VA_OPT__(, ) __VA_ARGS__)
 
 namespace {
 
@@ -34,24 +28,24 @@ uint32_t absDiff(uint32_t a, uint32_t b) { return a > b ? a - b : b - a; }
 
 int32_t CStreamWriter::cutsInProgress() { return g_cutsInProgress.load(); }
 
-CStreamWriter::CStreamWriter(std::shared_ptr<CZarnFileSystem> fs, uint32_t sid, int16_t type, bool sync)
-    : m_fs(std::move(fs)),
+CStreamWriter::CStreamWriter(std::shared_ptr<CZarnFileSystem> fs, uint32_t sid, int16_t type, bool sync,
+                             const EngineEnv& env)
+    : CAsyncEngine(env.queue, "CStreamWriter async delete timer."),
+      m_fs(std::move(fs)),
+      m_env(env),
       m_sid(sid),
       m_type(type),
       m_sync(sync),
-      m_queue(CMediaContext::instance().writerQueue()),
-      m_maxFileLength(static_cast<uint32_t>(CMediaContext::instance().config().getMaxFileLength())),
-      m_maxFileDuration(static_cast<uint32_t>(CMediaContext::instance().config().getMaxFileDuration())),
-      m_minCutFileTime(static_cast<uint32_t>(CMediaContext::instance().config().getMinCutFileTime())),
-      m_svcEnabled(CMediaContext::instance().config().getSVCEnabled()),
-      m_asyncDeleteTimer("CStreamWriter async delete timer.") {
-  WLOG(Velto::Kandu::LOG_INFO, "new writer: sid = %u; type = %d; sync = %d.\n", m_sid, m_type, m_sync ? 1 : 0);
+      m_maxFileLength(static_cast<uint32_t>(env.config.getMaxFileLength())),
+      m_maxFileDuration(static_cast<uint32_t>(env.config.getMaxFileDuration())),
+      m_minCutFileTime(static_cast<uint32_t>(env.config.getMinCutFileTime())),
+      m_svcEnabled(env.config.getSVCEnabled()) {
+  WLOG(INFO, "new writer: sid = %u; type = %d; sync = %d.\n", m_sid, m_type, m_sync ? 1 : 0);
 }
 
 CStreamWriter::~CStreamWriter() {
-  WLOG(Velto::Kandu::LOG_INFO, "del writer: sid = %u; type = %d; sync = %d.\n", m_sid, m_type, m_sync ? 1 : 0);
-  waitOutOfQueue();
-  m_asyncDeleteTimer.stop(true);
+  WLOG(INFO, "del writer: sid = %u; type = %d; sync = %d.\n", m_sid, m_type, m_sync ? 1 : 0);
+  stopRuns();
   // A writer dropped without closeStream (a lost registration race, or a
   // process shutting down) still leaves a properly closed file behind.
   if (m_curFile) closeCurrentFile();
@@ -60,16 +54,16 @@ CStreamWriter::~CStreamWriter() {
 
 int32_t CStreamWriter::writeFrame(const VeltoFrame* frame, uint32_t frameTime, unsigned long long& written) {
   written = 0;
-  if (m_fileFault.load()) {
-    WLOG(Velto::Kandu::LOG_ERROR, "file fault, cant't writeFrame!\n");
+  if (isFileFault()) {
+    WLOG(ERROR, "file fault, cant't writeFrame!\n");
     return -3;
   }
-  if (m_closed.load()) {
-    WLOG(Velto::Kandu::LOG_WARN, "drop the frame because of Stream Closed!\n");
+  if (isClosed()) {
+    WLOG(WARN, "drop the frame because of Stream Closed!\n");
     return 0;
   }
   if (frame == nullptr || frame->frame == nullptr || !checkFrameHead(frame->frame) || !checkFrameTail(*frame)) {
-    WLOG(Velto::Kandu::LOG_WARN, "drop the frame because of Invalid Frame!\n");
+    WLOG(WARN, "drop the frame because of Invalid Frame!\n");
     return 0;
   }
   const VeltoFrameHead& head = *reinterpret_cast<const VeltoFrameHead*>(frame->frame);
@@ -100,39 +94,51 @@ int32_t CStreamWriter::writeFrame(const VeltoFrame* frame, uint32_t frameTime, u
       }
     }
     if (taken) written = head.length;
-    submitSelf();
+    submit();
     return taken ? 0 : -2;
   }
 
   // A sync write holds the item mutex, so a close that passes through it
   // waits for a write already in flight on a host thread.
   CAutoLock run(itemMutex());
-  if (m_closed.load()) {
-    WLOG(Velto::Kandu::LOG_WARN, "drop the frame because of Stream Closed!\n");
+  if (isClosed()) {
+    WLOG(WARN, "drop the frame because of Stream Closed!\n");
     return 0;
   }
-  if (!checkFile(head, frameTime)) {
-    WLOG(Velto::Kandu::LOG_ERROR, "Write error because of invalid record file. Set file as fault!\n");
-    m_fileFault.store(true);
-    return -3;
-  }
-  if (!checkFrame(head, frame->frame)) return 0;
+  const Screen screen = screenFrame(head, frame->frame, frameTime);
+  if (screen == Screen::Fault) return -3;
+  if (screen == Screen::Drop) return 0;
   uint32_t done = 0;
-  if (writeBlk(frame->frame, head.length, done, true) != 0) return -3;
-  afterWrite(head, frameTime);
+  if (writeFrameBytes(frame->frame, frameTime, done, true) != 0) return -3;
   written = head.length;
   return 0;
+}
+
+CStreamWriter::Screen CStreamWriter::screenFrame(const VeltoFrameHead& head, const uint8_t* frameBytes,
+                                                 uint32_t frameTime) {
+  if (!m_fileCreated) {
+    m_fileCreated = createFile(frameTime, false);
+    if (!m_fileCreated) {
+      WLOG(ERROR, "Write error because of invalid record file. Set file as fault!\n");
+      setBackgroundError(-3);
+      return Screen::Fault;
+    }
+  } else if (couldCutFile(head, frameTime)) {
+    cutFile(frameTime);
+  }
+  return checkFrame(head, frameBytes) ? Screen::Write : Screen::Drop;
+}
+
+int32_t CStreamWriter::writeFrameBytes(const uint8_t* frameBytes, uint32_t frameTime, uint32_t& done, bool blocking) {
+  const VeltoFrameHead& head = *reinterpret_cast<const VeltoFrameHead*>(frameBytes);
+  const int32_t result = writeBlk(frameBytes, head.length, done, blocking);
+  if (result == 0) afterWrite(head, frameTime);
+  return result;
 }
 
 void CStreamWriter::recycle(std::unique_ptr<FrameItem> item) {
   CAutoLock lock(m_cacheMutex);
   if (m_itemPool.size() < kItemPoolSize) m_itemPool.push_back(std::move(item));
-}
-
-void CStreamWriter::submitSelf() {
-  if (m_closing.load()) return;  // the close procedure owns the last submission
-  int idle = 1;
-  if (m_queueState.compare_exchange_strong(idle, 0) && !m_queue.submit(this)) m_queueState.store(1);
 }
 
 bool CStreamWriter::ensureBucket() {
@@ -148,22 +154,13 @@ bool CStreamWriter::ensureBucket() {
     m_bucketUnchecked = false;
     return true;
   }
-  WLOG(Velto::Kandu::LOG_ERROR, "create bucket failed.\n");
+  WLOG(ERROR, "create bucket failed.\n");
   return false;
 }
 
-bool CStreamWriter::checkFile(const VeltoFrameHead& head, uint32_t frameTime) {
-  if (!m_fileCreated) {
-    m_fileCreated = createFile(frameTime, false);
-    return m_fileCreated;
-  }
-  if (couldCutFile(head, frameTime)) cutFile(frameTime);
-  return true;
-}
-
 void CStreamWriter::cutFile(uint32_t frameTime) {
-  WLOG(Velto::Kandu::LOG_INFO, "Cut file. Create new and then Close old.\n");
-  CMediaContext::instance().stats().addFileSplitCount();
+  WLOG(INFO, "Cut file. Create new and then Close old.\n");
+  m_env.stats.addFileSplitCount();
   ++g_cutsInProgress;
   // The next file exists before the old one is closed, so the stream is never
   // without a file to write to. When it cannot be created the old file stays
@@ -181,7 +178,7 @@ bool CStreamWriter::couldCutFile(const VeltoFrameHead& head, uint32_t frameTime)
   if (diff >= kTimeHopSeconds) {
     if (!m_timeHopping) {
       m_timeHopping = true;
-      WLOG(Velto::Kandu::LOG_ERROR, "there exist time-hooping, diffTS = %u, frameTS = %u, m_curFileLastTime = %u.\n",
+      WLOG(ERROR, "there exist time-hooping, diffTS = %u, frameTS = %u, m_curFileLastTime = %u.\n",
            diff, frameTime, m_curFileLastTime);
     }
     if (!isCutKey(head.type)) return false;
@@ -193,7 +190,7 @@ bool CStreamWriter::couldCutFile(const VeltoFrameHead& head, uint32_t frameTime)
   if (static_cast<int64_t>(frameTime) - static_cast<int64_t>(m_curFileStartTime) < m_minCutFileTime) return false;
   if (g_cutsInProgress.load() >= kMaxCutsInProgress) return false;
   if (m_curFile == nullptr || m_curFile->state() != CRecordFile::STATE_OPEN) {
-    WLOG(Velto::Kandu::LOG_ERROR, "file state is invalid.\n");
+    WLOG(ERROR, "file state is invalid.\n");
     return true;
   }
   {
@@ -212,9 +209,9 @@ bool CStreamWriter::createFile(uint32_t startTime, bool asNext) {
   name.type = static_cast<uint16_t>(m_type);
   auto file = std::make_unique<CRecordFile>(*m_fs, name);
   file->setStateCallback([this](int state) { fileStateChangedProc(state); });
-  CMediaValues& values = CMediaContext::values();
+  const CMediaValues& values = CMediaValues::instance();
   if (!file->openForWrite(values.ecDataNum.load(), values.ecParityNum.load())) {
-    WLOG(Velto::Kandu::LOG_ERROR, "Create record file failed.\n");
+    WLOG(ERROR, "Create record file failed.\n");
     return false;
   }
   m_curFileStartTime = startTime;
@@ -234,30 +231,31 @@ void CStreamWriter::becomeCurrent(std::unique_ptr<CRecordFile> file) {
     CAutoLock lock(m_fileStateMutex);
     m_fileState = 1;
   }
-  CMediaContext::instance().writingFiles().set(
+  m_env.writingFiles.set(
       m_sid, CWritingFileTable::Entry{m_curFile->fullName(), m_curFileStartTime, m_curFile->recordIndex()});
 }
 
 void CStreamWriter::closeCurrentFile() {
   if (!m_curFile) return;
   m_curFile->close();
-  CMediaContext::instance().writingFiles().erase(m_sid);
+  if (m_curFile->storeCloseFailed()) m_env.stats.addWriteFailedCount();
+  m_env.writingFiles.erase(m_sid);
   m_curFile.reset();
   m_hasCurFile.store(false);
   {
     CAutoLock lock(m_fileStateMutex);
     m_fileState = 0;
   }
-  CMediaContext::instance().stats().addWriteSuccessCount();
+  m_env.stats.addWriteSuccessCount();
 }
 
 bool CStreamWriter::switchToNextFile() {
   if (!m_nextFile) {
-    WLOG(Velto::Kandu::LOG_ERROR, "switchToNextFile failed.\n");
+    WLOG(ERROR, "switchToNextFile failed.\n");
     return false;
   }
   becomeCurrent(std::move(m_nextFile));
-  WLOG(Velto::Kandu::LOG_INFO, "switchToNextFile OK.\n");
+  WLOG(INFO, "switchToNextFile OK.\n");
   return true;
 }
 
@@ -271,7 +269,7 @@ bool CStreamWriter::checkFrame(const VeltoFrameHead& head, const uint8_t* frameB
     m_svcLevels = svc[1];
     m_svcLayerFlag = svc[2];
     if (m_svcLevels == 0) {
-      WLOG(Velto::Kandu::LOG_ERROR, "SVC m_allLevels=0\n\n");
+      WLOG(ERROR, "SVC m_allLevels=0\n\n");
       return false;
     }
     if (key) {
@@ -279,7 +277,7 @@ bool CStreamWriter::checkFrame(const VeltoFrameHead& head, const uint8_t* frameB
       m_refFound = true;
     }
     if (!m_refFound) {
-      WLOG(Velto::Kandu::LOG_ERROR, "SVC not find keyFrame\n\n");
+      WLOG(ERROR, "SVC not find keyFrame\n\n");
       return false;
     }
     if (m_svcLayerFlag == 0) {
@@ -291,7 +289,7 @@ bool CStreamWriter::checkFrame(const VeltoFrameHead& head, const uint8_t* frameB
     const uint32_t g = head.sequence - m_lastSequence;
     const uint32_t span = m_svcLevels >= 33 ? 0xFFFFFFFFu : (1u << (m_svcLevels - 1));
     if (d >= span) {
-      WLOG(Velto::Kandu::LOG_ERROR, "SVC index[%d], svc0[%d], total[%d]\n\n", static_cast<int>(head.sequence),
+      WLOG(ERROR, "SVC index[%d], svc0[%d], total[%d]\n\n", static_cast<int>(head.sequence),
            static_cast<int>(m_refSequence), m_svcLevels);
       m_refFound = false;
       return false;
@@ -312,7 +310,7 @@ bool CStreamWriter::checkFrame(const VeltoFrameHead& head, const uint8_t* frameB
       }
     }
     if (drop) {
-      WLOG(Velto::Kandu::LOG_ERROR, "SVC index[%d], svc0[%d], total[%d]\n\n", static_cast<int>(head.sequence),
+      WLOG(ERROR, "SVC index[%d], svc0[%d], total[%d]\n\n", static_cast<int>(head.sequence),
            static_cast<int>(m_refSequence), m_svcLevels);
       return false;
     }
@@ -335,24 +333,18 @@ bool CStreamWriter::checkFrame(const VeltoFrameHead& head, const uint8_t* frameB
 }
 
 int32_t CStreamWriter::writeBlk(const uint8_t* bytes, uint32_t length, uint32_t& done, bool blocking) {
-  while (done < length) {
-    int64_t n = m_curFile ? m_curFile->write(bytes + done, length - done) : -1;
-    if (n > 0) {
-      done += static_cast<uint32_t>(n);
-      m_zeroWriteCount = 0;
-      continue;
-    }
-    if (n < 0) {
-      WLOG(Velto::Kandu::LOG_ERROR, "Fault: write error: ret = %d; %d: %s.\n", static_cast<int>(n), getLastError(),
-           getErrorMsg());
-      m_fileFault.store(true);
-      return -3;
-    }
-    ++m_zeroWriteCount;
-    if (!blocking) return -2;
-    Velto::Kandu::sleepMs(5);
-  }
-  return 0;
+  int64_t failed = -1;  // the failing store call's result
+  const TransferResult result =
+      m_curFile ? transferBytes(
+                      length, done, blocking, 0,
+                      [&](uint32_t at) { return failed = m_curFile->write(bytes + at, length - at); },
+                      &m_zeroWriteCount)
+                : TransferResult::Failed;
+  if (result == TransferResult::Done) return 0;
+  if (result == TransferResult::Stalled) return -2;
+  WLOG(ERROR, "Fault: write error: ret = %d; %d: %s.\n", static_cast<int>(failed), getLastError(), getErrorMsg());
+  setBackgroundError(-3);
+  return -3;
 }
 
 void CStreamWriter::afterWrite(const VeltoFrameHead& head, uint32_t frameTime) {
@@ -379,25 +371,25 @@ void CStreamWriter::afterWrite(const VeltoFrameHead& head, uint32_t frameTime) {
 
 int32_t CStreamWriter::flushFrame() {
   if (!m_sync) std::abort();  // async writers pad nothing: a programming error
-  if (m_fileFault.load()) {
-    WLOG(Velto::Kandu::LOG_ERROR, "file fault, cant't flushFrame!\n");
+  if (isFileFault()) {
+    WLOG(ERROR, "file fault, cant't flushFrame!\n");
     return -3;
   }
-  if (m_closed.load()) {
-    WLOG(Velto::Kandu::LOG_WARN, "drop the frame because of Stream Closed!\n");
+  if (isClosed()) {
+    WLOG(WARN, "drop the frame because of Stream Closed!\n");
     return 0;
   }
   CAutoLock run(itemMutex());
   if (!m_curFile) return 0;  // nothing written yet: nothing to pad
-  const uint32_t stripe = CMediaContext::values().ecStripeSize.load();
+  const uint32_t stripe = CMediaValues::instance().ecStripeSize.load();
   if (m_padding.size() != stripe) m_padding.assign(stripe, 0);
   // A file already on a boundary receives a whole stripe, deliberately.
   const uint32_t fill = stripe - static_cast<uint32_t>(m_curFile->length() % stripe);
   buildFakeFrame(m_padding.data(), fill);
   uint32_t done = 0;
   if (writeBlk(m_padding.data(), fill, done, true) != 0 || done != fill) {
-    WLOG(Velto::Kandu::LOG_ERROR, "flushFrame failed!\n");
-    m_fileFault.store(true);
+    WLOG(ERROR, "flushFrame failed!\n");
+    setBackgroundError(-3);
     return -3;
   }
   return 0;
@@ -427,165 +419,112 @@ bool CStreamWriter::doWriteFrame(bool flushAll) {
       m_framesBuf4Write.pop_front();
       item->writtenBytes = 0;
     }
-    if (m_fileFault.load()) {
+    if (isFileFault()) {
       result = -3;
       recycle(std::move(item));  // discarded
       continue;
     }
-    const VeltoFrameHead& head = item->head();
     if (!item->screened) {
-      if (!m_fileCreated) {
-        m_fileCreated = createFile(item->frameTime, false);
-        if (!m_fileCreated) {
-          WLOG(Velto::Kandu::LOG_ERROR, "Write error because of invalid record file. Set file as fault!\n");
-          m_fileFault.store(true);
-          result = -3;
-          recycle(std::move(item));
-          continue;
-        }
-      } else if (couldCutFile(head, item->frameTime)) {
-        cutFile(item->frameTime);
-      }
-      if (!checkFrame(head, item->bytes.data())) {
+      const Screen screen = screenFrame(item->head(), item->bytes.data(), item->frameTime);
+      if (screen != Screen::Write) {
+        if (screen == Screen::Fault) result = -3;
         recycle(std::move(item));
         continue;
       }
       item->screened = true;
     }
-    result = writeBlk(item->bytes.data(), head.length, item->writtenBytes, flushAll);
+    result = writeFrameBytes(item->bytes.data(), item->frameTime, item->writtenBytes, flushAll);
     if (result == -2) {
       m_curFrameItem = std::move(item);
       break;
     }
-    if (result == 0) afterWrite(head, item->frameTime);
     recycle(std::move(item));
   }
   return !flushAll && m_curFrameItem != nullptr && result == -2;
 }
 
-void CStreamWriter::execute() {
-  if (m_closed.load() && m_queueState.load() == 0) {
-    // The last run after closing: release the self reference, which may end
-    // this writer. Nothing of the writer may be touched afterwards.
-    m_queueState.store(1);
-    m_asyncDeleteTimer.stop(true);
-    passItemMutex();
-    std::shared_ptr<CStreamWriter> self = std::move(m_self);
-    return;
-  }
-  if (m_closed.load()) {
-    WLOG(Velto::Kandu::LOG_ERROR, "write is closed and stopped.\n");
-    return;
-  }
-  if (m_bucketUnchecked && !ensureBucket()) m_fileFault.store(true);
-
-  bool blocked = doWriteFrame(false);
-  bool resubmit = blocked && !(m_zeroWriteCount != 0 && m_zeroWriteCount % 3 == 0);
-  if (resubmit && !m_closing.load() && m_queue.submit(this)) return;
-  m_queueState.store(1);
-  // A frame cached after this pass took its frames, but before the state went
-  // idle, found the writer busy and did not submit it: look once more.
-  bool pending;
-  {
-    CAutoLock lock(m_cacheMutex);
-    pending = !m_framesBuf4Cache.empty();
-  }
-  if (pending && !blocked) submitSelf();
+bool CStreamWriter::run() {
+  if (m_bucketUnchecked && !ensureBucket()) setBackgroundError(-3);
+  m_lastPassBlocked = doWriteFrame(false);
+  // A store that took nothing three times in a row gives the queue thread up
+  // until the next frame comes.
+  return m_lastPassBlocked && !(m_zeroWriteCount != 0 && m_zeroWriteCount % 3 == 0);
 }
 
-void CStreamWriter::waitOutOfQueue() {
-  while (m_queueState.load() != 1) {
-    if (m_queue.cancel(this)) m_queueState.store(1);
-    passItemMutex();
-    Velto::Kandu::sleepMs(0);
-  }
+bool CStreamWriter::cachePending() {
+  CAutoLock lock(m_cacheMutex);
+  return !m_framesBuf4Cache.empty();
+}
+
+void CStreamWriter::onIdle() {
+  // A frame cached after this pass took its frames, but before the writer went
+  // idle, found it busy and did not submit it: look once more.
+  if (!m_lastPassBlocked && cachePending()) submit();
 }
 
 bool CStreamWriter::forceCutFile(uint32_t time) {
   if (!m_hasCurFile.load() || time < m_curFileStartTime.load()) return true;
-  if (CMediaContext::values().sdkState.load() != ZARN_STATE_NORMAL) {
-    WLOG(Velto::Kandu::LOG_WARN, "zarn state is exceptional, don't forceCutFile!\n");
+  if (CMediaValues::instance().sdkState.load() != ZARN_STATE_NORMAL) {
+    WLOG(WARN, "zarn state is exceptional, don't forceCutFile!\n");
     return false;
   }
   if (!m_forceCutMutex.tryLock()) {
-    WLOG(Velto::Kandu::LOG_WARN, "there is one forceCutFile already!\n");
+    WLOG(WARN, "there is one forceCutFile already!\n");
     return false;
   }
-  WLOG(Velto::Kandu::LOG_TRACE, "forceCutFile req pending.\n");
+  WLOG(TRACE, "forceCutFile req pending.\n");
   m_forceCutTime = time;
   m_forceCutResult.store(0);
   m_forceCutPending.store(true);
   m_forceCutSemaphore.pend(kForceCutWaitMs);
   m_forceCutPending.store(false);
   const uint8_t result = m_forceCutResult.load();
-  WLOG(Velto::Kandu::LOG_TRACE, "forceCutFile result: %d.\n", result);
+  WLOG(TRACE, "forceCutFile result: %d.\n", result);
   m_forceCutMutex.unlock();
   return result != 0;
 }
 
 void CStreamWriter::cutResultNotify(uint8_t result) {
   if (!m_forceCutPending.load()) return;
-  WLOG(Velto::Kandu::LOG_TRACE, "cutResultNotify result: %d.\n", result);
+  WLOG(TRACE, "cutResultNotify result: %d.\n", result);
   m_forceCutResult.store(result);
   m_forceCutPending.store(false);
   m_forceCutSemaphore.post();
 }
 
 void CStreamWriter::closeStream(std::shared_ptr<CStreamWriter> self) {
-  WLOG(Velto::Kandu::LOG_TRACE, "closeStream.\n");
-  if (m_self) std::abort();  // closed twice through the registry: a programming error
-  if (m_asyncDeleteTimer.isRunning() || m_closed.load()) return;
-  m_self = std::move(self);
-  m_closing.store(true);
-  m_asyncDeleteTimer.start(TimerProcedure(this, &CStreamWriter::asyncCloseProc), 0, 0, 0, 60000);
+  WLOG(TRACE, "closeStream.\n");
+  if (!close(std::move(self))) std::abort();  // closed twice: a programming error
 }
 
-void CStreamWriter::asyncCloseProc(CTimer* /*timer*/) {
-  waitOutOfQueue();
-  {
-    // Held, not only passed: a sync write arriving now must wait, then see
-    // the writer closed, rather than append to a file being closed.
-    CAutoLock run(itemMutex());
-    // Frames taken into the cache were acknowledged to the host: they are
-    // written even when no worker ran before the close (and no file exists yet).
-    bool pending;
-    {
-      CAutoLock lock(m_cacheMutex);
-      pending = !m_framesBuf4Cache.empty();
-    }
-    if (m_curFile || pending || !m_framesBuf4Write.empty() || m_curFrameItem) {
-      doWriteFrame(true);
-      closeCurrentFile();
-    }
-    cutResultNotify(1);
-    m_closed.store(true);
+void CStreamWriter::onClose() {
+  // Frames taken into the cache were acknowledged to the host: they are
+  // written even when no worker ran before the close (and no file exists yet).
+  if (m_curFile || cachePending() || !m_framesBuf4Write.empty() || m_curFrameItem) {
+    doWriteFrame(true);
+    closeCurrentFile();
   }
-  setLockOnRun(false);
-  m_queueState.store(0);
-  if (!m_queue.submit(this)) {
-    m_queueState.store(1);
-    std::shared_ptr<CStreamWriter> self = std::move(m_self);  // may end the writer
-  }
+  cutResultNotify(1);
 }
 
 void CStreamWriter::fileStateChangedProc(int state) {
   CAutoLock lock(m_fileStateMutex);
-  WLOG(Velto::Kandu::LOG_WARN, "FileStateChanged: %d -> %d.\n", m_fileState, state);
+  WLOG(WARN, "FileStateChanged: %d -> %d.\n", m_fileState, state);
   m_fileState = state;
 }
 
 void CStreamWriter::clearFrameBuf() {
   CAutoLock lock(m_cacheMutex);
   if (!m_framesBuf4Cache.empty()) {
-    WLOG(Velto::Kandu::LOG_WARN, "m_framesBuf4Cache isn't empty(size = %d)!\n", static_cast<int>(m_framesBuf4Cache.size()));
+    WLOG(WARN, "m_framesBuf4Cache isn't empty(size = %d)!\n", static_cast<int>(m_framesBuf4Cache.size()));
     m_framesBuf4Cache.clear();
   }
   if (!m_framesBuf4Write.empty()) {
-    WLOG(Velto::Kandu::LOG_WARN, "m_framesBuf4Write isn't empty(size = %ld)!\n", static_cast<long>(m_framesBuf4Write.size()));
+    WLOG(WARN, "m_framesBuf4Write isn't empty(size = %ld)!\n", static_cast<long>(m_framesBuf4Write.size()));
     m_framesBuf4Write.clear();
   }
   if (m_curFrameItem) {
-    WLOG(Velto::Kandu::LOG_WARN, "m_curFrameItem isn't empty!\n");
+    WLOG(WARN, "m_curFrameItem isn't empty!\n");
     m_curFrameItem.reset();
   }
 }

@@ -17,11 +17,22 @@
 // File fault is one-way: after a write error or a failed file creation every
 // write returns -3.
 //
-// Threads: writeFrame on the host's thread; execute on a writer-queue thread
-// (under the item mutex); the asynchronous close on the writer's own one-shot
-// timer; forceCutFile on the locking caller's thread. The frame cache is the
-// only structure writeFrame and the worker share (m_cacheMutex); the file state
-// has its own mutex. Lock order: work-queue mutex, then item mutex.
+// Both modes take every frame down one path: screening (the first file is
+// created, or the current one cut, then the sequence rules decide whether the
+// frame is kept), then its bytes, then its index entry. A sync write blocks on
+// a store that takes nothing; a worker pass gives up and resumes the frame
+// where it stopped.
+//
+// Lifecycle (CAsyncEngine): the registry holds the writer; closeStream hands
+// it its own reference, the close flushes every cached frame and closes the
+// current file, and the final run on the writer queue lets the writer go.
+//
+// Threads: writeFrame on the host's thread (a sync write under the item
+// mutex); runs on a writer-queue thread (under the item mutex); the
+// asynchronous close on the writer's own one-shot timer; forceCutFile on the
+// locking caller's thread. The frame cache is the only structure writeFrame
+// and the worker share (m_cacheMutex); the file state has its own mutex. Lock
+// order: work-queue mutex, then item mutex, then cache mutex.
 #pragma once
 
 #include <atomic>
@@ -30,16 +41,16 @@
 #include <memory>
 #include <vector>
 
+#include "AsyncEngine.h"
+#include "EngineEnv.h"
 #include "KanduSync.h"
-#include "KanduTimer.h"
 #include "RecordFile.h"
-#include "WorkQueue.h"
 #include "ZarnClient.h"
 #include "ZarnMediaClient.h"
 
 namespace Velto::Zarn {
 
-class CStreamWriter : public CWorkItem {
+class CStreamWriter : public CAsyncEngine {
  public:
   static constexpr size_t kCacheFrames = 100;     // async cache bound
   static constexpr size_t kFramesPerPass = 25;    // frames a worker pass takes over
@@ -48,7 +59,7 @@ class CStreamWriter : public CWorkItem {
   static constexpr int32_t kMaxCutsInProgress = 10;
   static constexpr uint32_t kForceCutWaitMs = 10000;
 
-  CStreamWriter(std::shared_ptr<CZarnFileSystem> fs, uint32_t sid, int16_t type, bool sync);
+  CStreamWriter(std::shared_ptr<CZarnFileSystem> fs, uint32_t sid, int16_t type, bool sync, const EngineEnv& env);
   ~CStreamWriter() override;
 
   // frameTime 0 records the frame under its own time. `written` receives the
@@ -62,16 +73,15 @@ class CStreamWriter : public CWorkItem {
   bool forceCutFile(uint32_t time);
   void cutResultNotify(uint8_t result);
   // Starts the asynchronous close; `self` is the registry's reference to this
-  // writer, kept until the close has run. Returns at once.
+  // writer, kept until the close has run. Returns at once. A second close is
+  // a programming error and aborts.
   void closeStream(std::shared_ptr<CStreamWriter> self);
 
-  void execute() override;
   void fileStateChangedProc(int state);
 
   uint32_t sid() const { return m_sid; }
-  bool isFileFault() const { return m_fileFault.load(); }
-  bool isClosed() const { return m_closed.load(); }
-  bool isIdleForTest() const { return m_queueState.load() == 1; }
+  // After a write error or a failed file creation: every write returns -3.
+  bool isFileFault() const { return backgroundError() != 0; }
   bool isForceCutPendingForTest() const { return m_forceCutPending.load(); }
   // Process-wide count of cuts in progress (for tests).
   static int32_t cutsInProgress();
@@ -85,7 +95,18 @@ class CStreamWriter : public CWorkItem {
     const VeltoFrameHead& head() const { return *reinterpret_cast<const VeltoFrameHead*>(bytes.data()); }
   };
 
-  bool checkFile(const VeltoFrameHead& head, uint32_t frameTime);
+  // A worker pass: true to be run again at once (the store took nothing).
+  bool run() override;
+  void onIdle() override;
+  void onClose() override;
+
+  enum class Screen { Write, Drop, Fault };
+  // Before a frame's first byte: the file it goes to (the first one created,
+  // or the current one cut at a key frame) and the sequence rules.
+  Screen screenFrame(const VeltoFrameHead& head, const uint8_t* frameBytes, uint32_t frameTime);
+  // Writes bytes[done, length) of a screened frame and, once it is whole, its
+  // index entry. 0 complete, -2 the store took nothing (non-blocking), -3 fault.
+  int32_t writeFrameBytes(const uint8_t* frameBytes, uint32_t frameTime, uint32_t& done, bool blocking);
   bool couldCutFile(const VeltoFrameHead& head, uint32_t frameTime);
   void cutFile(uint32_t frameTime);
   bool createFile(uint32_t startTime, bool asNext);
@@ -94,25 +115,22 @@ class CStreamWriter : public CWorkItem {
   void closeCurrentFile();
   bool switchToNextFile();
   bool checkFrame(const VeltoFrameHead& head, const uint8_t* frameBytes);
-  // Writes bytes[done..length) of a frame; blocking retries 0-byte writes every
-  // 5 ms. 0 complete, -2 the store took nothing (non-blocking), -3 fault.
+  // Writes bytes[done..length); blocking retries 0-byte writes every 5 ms.
+  // 0 complete, -2 the store took nothing (non-blocking), -3 fault.
   int32_t writeBlk(const uint8_t* bytes, uint32_t length, uint32_t& done, bool blocking);
   void afterWrite(const VeltoFrameHead& head, uint32_t frameTime);
   // One worker pass; true when it gave up because the store took nothing.
   bool doWriteFrame(bool flushAll);
   bool ensureBucket();
-  void asyncCloseProc(Velto::Kandu::CTimer* timer);
-  void waitOutOfQueue();
+  bool cachePending();
   void clearFrameBuf();
-  void submitSelf();
   void recycle(std::unique_ptr<FrameItem> item);
 
   std::shared_ptr<CZarnFileSystem> m_fs;
+  const EngineEnv m_env;
   const uint32_t m_sid;
   const int16_t m_type;
   const bool m_sync;
-  std::atomic<bool> m_closing{false};  // closeStream has run: only the close procedure submits now
-  std::atomic<bool> m_closed{false};
 
   std::unique_ptr<CRecordFile> m_curFile;   // writing thread only
   std::unique_ptr<CRecordFile> m_nextFile;  // writing thread only
@@ -121,7 +139,6 @@ class CStreamWriter : public CWorkItem {
   bool m_fileCreated = false;
   bool m_keyFrameSeen = false;
 
-  CWorkQueue& m_queue;
   Velto::Kandu::CMutex m_cacheMutex;
   std::deque<std::unique_ptr<FrameItem>> m_framesBuf4Cache;  // guarded by m_cacheMutex
   std::deque<std::unique_ptr<FrameItem>> m_framesBuf4Write;  // worker only
@@ -130,8 +147,8 @@ class CStreamWriter : public CWorkItem {
   // buffers instead of faulting in fresh heap pages for every frame.
   std::vector<std::unique_ptr<FrameItem>> m_itemPool;        // guarded by m_cacheMutex
 
-  std::atomic<bool> m_fileFault{false};
-  uint32_t m_zeroWriteCount = 0;
+  uint32_t m_zeroWriteCount = 0;  // store calls in a row that took nothing
+  bool m_lastPassBlocked = false;  // worker only
   std::vector<uint8_t> m_padding;  // one stripe, made at the first flush (idle writers pay nothing)
 
   std::atomic<bool> m_hasCurFile{false};         // read by forceCutFile's caller
@@ -143,8 +160,6 @@ class CStreamWriter : public CWorkItem {
   std::atomic<uint32_t> m_forceCutTime{0};
   Velto::Kandu::CSemaphore m_forceCutSemaphore{0};
   Velto::Kandu::CMutex m_forceCutMutex;
-
-  std::atomic<int> m_queueState{1};  // 1 idle, 0 submitted or running
 
   const uint32_t m_maxFileLength;
   const uint32_t m_maxFileDuration;
@@ -158,8 +173,6 @@ class CStreamWriter : public CWorkItem {
   bool m_refFound = false;
 
   bool m_bucketUnchecked = true;
-  Velto::Kandu::CTimer m_asyncDeleteTimer;
-  std::shared_ptr<CStreamWriter> m_self;  // held while closing
   bool m_timeHopping = false;
   uint16_t m_lastMsStamp = 0;
 };

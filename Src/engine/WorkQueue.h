@@ -66,6 +66,7 @@ class CWorkQueue {
 
   size_t pendingCount() const;
   int threadCount() const { return m_threadCount; }
+  bool locksItems() const { return m_lockItems; }
 
  private:
   void threadProc(Velto::Kandu::CThreadLite& thread);

@@ -2,8 +2,9 @@
 
 #include <cstdlib>
 
-#include "KanduLog.h"
-#include "MediaContext.h"
+#include "BlockTransfer.h"
+#include "MediaLog.h"
+#include "MediaValues.h"
 #include "RecordFile.h"
 #include "RecordFileIndex.h"
 
@@ -19,7 +20,7 @@ CIndexFile::~CIndexFile() {
 }
 
 bool CIndexFile::open() {
-  CMediaValues& values = CMediaContext::values();
+  CMediaValues& values = CMediaValues::instance();
   if (generateRecordFileName(m_record, m_fullName)) {
     m_file = m_fs->createFile(m_fullName, values.ecDataNum.load(), values.ecParityNum.load());
     if (!m_file) {
@@ -29,18 +30,17 @@ bool CIndexFile::open() {
     }
   }
   if (!m_file) {
-    KLOG_ERROR("#%d,Indexf::%s %d, open for write failed: %s.\n", getLastError(), __FUNCTION__, __LINE__,
-               m_fullName.c_str());
+    ZLOG(ERROR, "Indexf", getLastError(), "open for write failed: %s.\n", m_fullName.c_str());
     return false;
   }
-  KLOG_INFO("#%d,Indexf::%s %d, open for write successful: %s.\n", 0, __FUNCTION__, __LINE__, m_fullName.c_str());
+  ZLOG(INFO, "Indexf", 0, "open for write successful: %s.\n", m_fullName.c_str());
   return true;
 }
 
 bool CIndexFile::addIndex(uint8_t type, uint8_t subType, uint32_t time, uint32_t frameLength, uint64_t offset) {
   IndexEntry entry = IndexEntry::make(type, subType, time, frameLength, offset);
   if (!m_file || !blockWrite(*m_file, &entry, sizeof(entry))) {
-    KLOG_ERROR("#%d,Indexf::%s %d, write index failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "Indexf", getLastError(), "write index failed.\n");
     return false;
   }
   m_indexLength += sizeof(entry);
@@ -52,14 +52,14 @@ bool CIndexFile::close() {
   if (!m_file) return false;
   RecordInfo info = RecordInfo::make(m_beginTime, m_endTime, 0, m_indexLength, m_dataLength);
   bool infoWritten = blockWrite(*m_file, &info, RecordInfo::kSize);
-  if (!infoWritten) KLOG_ERROR("#%d,Indexf::%s %d, write record info failed.\n", getLastError(), __FUNCTION__, __LINE__);
+  if (!infoWritten) ZLOG(ERROR, "Indexf", getLastError(), "write record info failed.\n");
   bool closed = m_file->close();
   m_file.reset();
   if (infoWritten && closed) {
-    KLOG_INFO("#%d,Indexf::%s %d, write record info successful.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(INFO, "Indexf", 0, "write record info successful.\n");
     return true;
   }
-  KLOG_ERROR("#%d,Indexf::%s %d, index file close failed, maybe lost some data.\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(ERROR, "Indexf", 0, "index file close failed, maybe lost some data.\n");
   return false;
 }
 

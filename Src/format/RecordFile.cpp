@@ -6,18 +6,15 @@
 #include <cstring>
 #include <vector>
 
+#include "BlockTransfer.h"
 #include "KanduCrc.h"
-#include "KanduLog.h"
-#include "KanduThread.h"
-#include "MediaContext.h"
-#include "MediaSdkStat.h"
+#include "MediaLog.h"
 #include "VeltoFrame.h"
 
 namespace Velto::Zarn {
 
 namespace {
 constexpr char kInfoMagic[4] = {'V', 'Z', 'M', 'F'};
-constexpr uint32_t kZeroWaitMs = 5;
 }  // namespace
 
 RecordInfo RecordInfo::make(uint32_t beginTime, uint32_t endTime, uint64_t indexOffset, uint32_t indexLength,
@@ -37,48 +34,6 @@ bool RecordInfo::isValid() const {
   return std::memcmp(magic, kInfoMagic, sizeof(kInfoMagic)) == 0 && crc == Velto::Kandu::crc32(this, kCrcSpan);
 }
 
-namespace {
-
-// The one loop behind blockWrite and blockRead; `move` is one store call.
-template <typename Move>
-bool blockTransfer(uint32_t length, uint32_t limitMs, bool writing, Move move) {
-  uint32_t done = 0;
-  uint32_t waited = 0;  // only the sleeps count, not the time inside store calls
-  while (done < length) {
-    int64_t n = move(done);
-    if (n < 0) return false;
-    if (n > 0) {
-      done += static_cast<uint32_t>(n);
-      continue;
-    }
-    waited += kZeroWaitMs;
-    if (limitMs != 0 && waited >= limitMs) {
-      if (writing) {
-        KLOG_ERROR("#%d,GENERAL::%s %d, block write timeout, return false. writed: %u. timeout: %u.\n", 0,
-                   "blockWrite", __LINE__, done, limitMs);
-      } else {
-        KLOG_ERROR("#%d,GENERAL::%s %d, block read timeout, return false. readed: %u. timeout: %u.\n", 0,
-                   "blockRead", __LINE__, done, limitMs);
-      }
-      return false;
-    }
-    Velto::Kandu::sleepMs(kZeroWaitMs);
-  }
-  return true;
-}
-
-}  // namespace
-
-bool blockWrite(CFile& file, const void* buffer, uint32_t length, uint32_t limitMs) {
-  const uint8_t* p = static_cast<const uint8_t*>(buffer);
-  return blockTransfer(length, limitMs, true, [&](uint32_t done) { return file.write(p + done, length - done); });
-}
-
-bool blockRead(CFile& file, void* buffer, uint32_t length, uint32_t limitMs) {
-  uint8_t* p = static_cast<uint8_t*>(buffer);
-  return blockTransfer(length, limitMs, false, [&](uint32_t done) { return file.read(p + done, length - done); });
-}
-
 CRecordFile::CRecordFile(CZarnFileSystem& fs, const RecordFileName& name) : m_fs(fs), m_name(name) {}
 
 CRecordFile::~CRecordFile() {
@@ -96,14 +51,14 @@ bool CRecordFile::openForWrite(uint16_t dataShards, uint16_t parityShards) {
   m_mode = MODE_WRITE;
   if (!generateRecordFileName(m_name, m_fullName)) {
     m_state = STATE_OPEN_FAILED;
-    KLOG_ERROR("#%d,CRecordFile::%s %d, open for write failed.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "CRecordFile", 0, "open for write failed.\n");
     return false;
   }
-  KLOG_INFO("#%d,CRecordFile::%s %d, filename: %s\n", 0, __FUNCTION__, __LINE__, m_fullName.c_str());
+  ZLOG(INFO, "CRecordFile", 0, "filename: %s\n", m_fullName.c_str());
   m_file = m_fs.createFile(m_fullName, dataShards, parityShards);
   if (!m_file) {
     m_state = STATE_OPEN_FAILED;
-    KLOG_ERROR("#%d,CRecordFile::%s %d, open for write failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "CRecordFile", getLastError(), "open for write failed.\n");
     return false;
   }
   m_file->setListener(this);
@@ -111,7 +66,7 @@ bool CRecordFile::openForWrite(uint16_t dataShards, uint16_t parityShards) {
   m_dataLength = 0;
   m_lockCount = static_cast<int16_t>(m_name.lockCount);
   m_state = STATE_OPEN;
-  KLOG_INFO("#%d,CRecordFile::%s %d, open for write successful.\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(INFO, "CRecordFile", 0, "open for write successful.\n");
   return true;
 }
 
@@ -121,8 +76,7 @@ bool CRecordFile::openForRead() {
     m_state = STATE_OPEN_FAILED;
     return false;
   }
-  KLOG_DEBUG("#%d,CRecordFile::%s %d, Open for read: %s, MTime: %u Size:%" PRIu64 "\n", 0, __FUNCTION__, __LINE__,
-             m_fullName.c_str(), m_name.realEndTime, m_name.size);
+  ZLOG(DEBUG, "CRecordFile", 0, "Open for read: %s, MTime: %u Size:%" PRIu64 "\n", m_fullName.c_str(), m_name.realEndTime, m_name.size);
   m_file = m_fs.openFile(m_fullName, StoreOpenMode::Read);
   if (!m_file) {
     m_state = STATE_OPEN_FAILED;
@@ -130,7 +84,7 @@ bool CRecordFile::openForRead() {
   }
   m_file->setListener(this);
   if (m_name.endTime == 0) {
-    KLOG_DEBUG("#%d,CRecordFile::%s %d, file not closed. can't load info and index.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(DEBUG, "CRecordFile", 0, "file not closed. can't load info and index.\n");
     m_state = STATE_NOT_CLOSED;
     return true;
   }
@@ -144,7 +98,7 @@ bool CRecordFile::openForRead() {
     m_state = STATE_INDEXED;
   } else {
     m_state = STATE_MISS_INDEX;
-    KLOG_WARN("#%d,CRecordFile::%s %d, file is MissIndex.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFile", 0, "file is MissIndex.\n");
   }
   return true;
 }
@@ -157,8 +111,7 @@ int64_t CRecordFile::write(const void* buffer, uint32_t length) {
     m_dataLength += static_cast<uint64_t>(n);
   } else if (n < 0 && m_dataLength == 0) {
     m_emptyFile = true;
-    KLOG_ERROR("#%d,CRecordFile::%s %d, Write failed. empty file need clear\n", getLastError(), __FUNCTION__,
-               __LINE__);
+    ZLOG(ERROR, "CRecordFile", getLastError(), "Write failed. empty file need clear\n");
   }
   return n;
 }
@@ -173,23 +126,34 @@ void CRecordFile::setLastTime(uint32_t time) {
   m_index->updateEndTime(time);
 }
 
+int64_t CRecordFile::storeRead(void* buffer, uint32_t length) {
+  const int64_t n = m_file->read(buffer, length);
+  // The store reports the end as a failure with its own code, set by this very
+  // call: the code is read here and nowhere later, where it may be stale.
+  if (n < 0 && getLastError() == ZARN_E_EOF) return kEndOfFile;
+  return n;
+}
+
 int64_t CRecordFile::read(void* buffer, uint32_t length) {
   requireMode(MODE_READ);
-  if (!m_file) return -1;
+  if (!m_file) {
+    setLastError(ZARN_E_BAD_MODE, m_fullName + " is not open");
+    return -1;
+  }
   if (length == 0) return 0;
   if (!m_bufValid || m_bufPos == m_bufLen) {
     // The buffer is used up, so the store file's position is the logical one.
     if (length >= kDirectReadSize) {
       m_bufValid = false;
-      return m_file->read(buffer, length);  // large reads skip the extra copy
+      return storeRead(buffer, length);  // large reads skip the extra copy
     }
     if (!m_readBuf) m_readBuf.reset(new uint8_t[kReadBufferSize]);
     const int64_t position = m_file->tell();
     if (position < 0) return -1;
-    const int64_t n = m_file->read(m_readBuf.get(), kReadBufferSize);
+    const int64_t n = storeRead(m_readBuf.get(), kReadBufferSize);
     if (n <= 0) {
       m_bufValid = false;
-      return n;  // 0: a file still being written; -1: the store's error
+      return n;  // 0: a file still being written; the end; or a failure
     }
     m_bufFilePos = position;
     m_bufLen = static_cast<uint32_t>(n);
@@ -265,33 +229,32 @@ bool CRecordFile::loadRecordInfo(CFile& file) {
   RecordInfo info{};
   if (file.seek(-static_cast<int64_t>(RecordInfo::kSize), 2) < 0 ||
       !blockRead(file, &info, RecordInfo::kSize, kInfoReadLimitMs) || !info.isValid()) {
-    KLOG_WARN("#%d,CRecordFile::%s %d, load record info failed.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFile", 0, "load record info failed.\n");
     return false;
   }
   m_info = info;
   m_infoLoaded = true;
   m_dataLength = info.dataLength;
-  KLOG_DEBUG("#%d,CRecordFile::%s %d, load record info successful.\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(DEBUG, "CRecordFile", 0, "load record info successful.\n");
   return true;
 }
 
 bool CRecordFile::loadRecordIndex(CFile& file) {
   // A closed file without any key frame has no index to load.
   if (m_info.indexLength == 0 || m_info.indexLength % sizeof(IndexEntry) != 0) {
-    KLOG_WARN("#%d,CRecordFile::%s %d, load record index failed.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFile", 0, "load record index failed.\n");
     return false;
   }
   std::vector<IndexEntry> entries(m_info.indexLength / sizeof(IndexEntry));
   if (file.seek(static_cast<int64_t>(m_info.indexOffset), 0) < 0 ||
       !blockRead(file, entries.data(), m_info.indexLength, kInfoReadLimitMs)) {
-    KLOG_WARN("#%d,CRecordFile::%s %d, load record index failed.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFile", 0, "load record index failed.\n");
     return false;
   }
   auto index = std::make_shared<CRecordFileIndex>();
   for (const IndexEntry& e : entries) {
     if (!m_smartMode && isSmartFrame(e.type, e.subType)) m_smartMode = true;
-    KLOG_TRACE("#%d,CRecordFile::%s %d, smart mode:%d, type:%d, sub_type:%d, ts:%u, offset:%u\n", 0, __FUNCTION__,
-               __LINE__, m_smartMode ? 1 : 0, e.type, e.subType, e.time, static_cast<unsigned>(e.offset()));
+    ZLOG(TRACE, "CRecordFile", 0, "smart mode:%d, type:%d, sub_type:%d, ts:%u, offset:%u\n", m_smartMode ? 1 : 0, e.type, e.subType, e.time, static_cast<unsigned>(e.offset()));
     index->addIndex(e);
   }
   index->setComplete();
@@ -301,20 +264,19 @@ bool CRecordFile::loadRecordIndex(CFile& file) {
 }
 
 bool CRecordFile::loadFromRecordFile() {
-  KLOG_DEBUG("#%d,CRecordFile::%s %d, load from Record file\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(DEBUG, "CRecordFile", 0, "load from Record file\n");
   return loadRecordInfo(*m_file) && loadRecordIndex(*m_file);
 }
 
 bool CRecordFile::loadFromIndexFile() {
-  KLOG_DEBUG("#%d,CRecordFile::%s %d, load from Index file\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(DEBUG, "CRecordFile", 0, "load from Index file\n");
   RecordFileName indexName = m_name;
   indexName.isIndex = 1;
   std::string path;
   std::unique_ptr<CFile> file;
   if (generateRecordFileName(indexName, path)) file = m_fs.openFile(path, StoreOpenMode::Read);
   if (!file) {
-    KLOG_WARN("#%d,CRecordFile::%s %d, open index file failed. %s\n", getLastError(), __FUNCTION__, __LINE__,
-              path.c_str());
+    ZLOG(WARN, "CRecordFile", getLastError(), "open index file failed. %s\n", path.c_str());
     return false;
   }
   bool ok = loadRecordInfo(*file) && loadRecordIndex(*file);
@@ -326,10 +288,10 @@ bool CRecordFile::writeRecordIndex() {
   // One transfer for the whole region: the entries lie in memory as on disk.
   std::vector<IndexEntry> entries = m_index->entries();
   if (!blockWrite(*m_file, entries.data(), static_cast<uint32_t>(entries.size() * sizeof(IndexEntry)))) {
-    KLOG_ERROR("#%d,CRecordFile::%s %d, write record index failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "CRecordFile", getLastError(), "write record index failed.\n");
     return false;
   }
-  KLOG_DEBUG("#%d,CRecordFile::%s %d, write record index successful.\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(DEBUG, "CRecordFile", 0, "write record index successful.\n");
   return true;
 }
 
@@ -338,17 +300,17 @@ bool CRecordFile::writeRecordInfo() {
   RecordInfo info = RecordInfo::make(m_index->beginTime(), m_index->endTime(), m_dataLength,
                                      static_cast<uint32_t>(m_index->size() * sizeof(IndexEntry)), m_dataLength);
   if (!blockWrite(*m_file, &info, RecordInfo::kSize)) {
-    KLOG_ERROR("#%d,CRecordFile::%s %d, write record info failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "CRecordFile", getLastError(), "write record info failed.\n");
     return false;
   }
   m_info = info;
-  KLOG_DEBUG("#%d,CRecordFile::%s %d, write record info successful.\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(DEBUG, "CRecordFile", 0, "write record info successful.\n");
   return true;
 }
 
 bool CRecordFile::close() {
   if (m_mode == MODE_WRITE && m_emptyFile) {
-    KLOG_WARN("#%d,CRecordFile::%s %d, clear empty record file. %s\n", 0, __FUNCTION__, __LINE__, m_fullName.c_str());
+    ZLOG(WARN, "CRecordFile", 0, "clear empty record file. %s\n", m_fullName.c_str());
     if (m_file) {
       m_file->setListener(nullptr);
       m_file->close();
@@ -372,8 +334,8 @@ bool CRecordFile::close() {
   bool closed = m_file->close();
   m_file.reset();
   if (!closed) {
-    CMediaContext::instance().stats().addWriteFailedCount();
-    KLOG_ERROR("#%d,CRecordFile::%s %d, close record file failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    m_storeCloseFailed = true;
+    ZLOG(ERROR, "CRecordFile", getLastError(), "close record file failed.\n");
     return false;
   }
 
@@ -385,23 +347,22 @@ bool CRecordFile::close() {
   closedName.indexState = infoWritten ? RECORD_INDEX_INTERNAL : RECORD_INDEX_MISSING;
   std::string newName;
   if (!generateRecordFileName(closedName, newName)) {
-    KLOG_ERROR("#%d,CRecordFile::%s %d, rename record file failed.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "CRecordFile", 0, "rename record file failed.\n");
     return infoWritten;
   }
-  KLOG_INFO("#%d,CRecordFile::%s %d, rename: %s -> %s.\n\n", 0, __FUNCTION__, __LINE__, m_fullName.c_str(),
-            newName.c_str());
+  ZLOG(INFO, "CRecordFile", 0, "rename: %s -> %s.\n\n", m_fullName.c_str(), newName.c_str());
   if (m_fs.renameFile(m_fullName, newName)) {
     m_name = closedName;
     m_fullName = newName;
   } else {
-    KLOG_ERROR("#%d,CRecordFile::%s %d, rename record file failed.\n", getLastError(), __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "CRecordFile", getLastError(), "rename record file failed.\n");
   }
   return infoWritten;
 }
 
 void CRecordFile::onFileStateChanged(CFile* file, int state) {
-  KLOG_WARN("#%d,CRecordFile::%s %d, FileStateChanged: %d.\n", 0, __FUNCTION__, __LINE__, state);
-  if (file != m_file.get()) KLOG_WARN("#%d,CRecordFile::%s %d, file != &m_file.\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(WARN, "CRecordFile", 0, "FileStateChanged: %d.\n", state);
+  if (file != m_file.get()) ZLOG(WARN, "CRecordFile", 0, "file != &m_file.\n");
   if (m_stateCallback) m_stateCallback(state);
 }
 

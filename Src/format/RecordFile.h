@@ -50,13 +50,6 @@ struct RecordInfo {
 static_assert(sizeof(RecordInfo) == 64 && offsetof(RecordInfo, indexOffset) == 16 &&
               offsetof(RecordInfo, dataLength) == 32 && offsetof(RecordInfo, crc) == 60);
 
-// Moves exactly `length` bytes through a store file. A negative store result
-// fails at once; a call that moves nothing counts 5 ms and sleeps 5 ms; with a
-// non-zero limitMs the transfer fails once the counted waiting reaches it (the
-// time inside store calls is not counted). 0 bytes succeed at once.
-bool blockWrite(CFile& file, const void* buffer, uint32_t length, uint32_t limitMs = 0);
-bool blockRead(CFile& file, void* buffer, uint32_t length, uint32_t limitMs = 0);
-
 class CRecordFile : public IFileListener {
  public:
   enum Mode : int32_t { MODE_NONE = 0, MODE_READ = 1, MODE_WRITE = 2 };
@@ -94,7 +87,12 @@ class CRecordFile : public IFileListener {
   // Write mode: the time of the last frame written.
   void setLastTime(uint32_t time);
 
-  // Read mode (buffered; reads may return fewer bytes than asked).
+  // Read mode, buffered; a read may return fewer bytes than asked. Bytes
+  // read; 0 when no more bytes are there yet (a file still being written);
+  // kEndOfFile at the end of a file nobody writes; -1 on failure (the reason
+  // in getLastError). The end is told by the result alone: the thread's last
+  // error may be left over from an earlier call.
+  static constexpr int64_t kEndOfFile = -2;
   int64_t read(void* buffer, uint32_t length);
   int64_t seek(int64_t offset, int origin);
   int64_t tell();
@@ -118,6 +116,8 @@ class CRecordFile : public IFileListener {
   // info and renames to the closed name; the result says whether the info was
   // written. An empty file whose first write failed is removed instead.
   bool close();
+  // Write mode: the store refused to close the file (its data may be lost).
+  bool storeCloseFailed() const { return m_storeCloseFailed; }
 
   int32_t state() const { return m_state; }
   Mode mode() const { return m_mode; }
@@ -133,6 +133,7 @@ class CRecordFile : public IFileListener {
 
  private:
   void requireMode(Mode mode) const;
+  int64_t storeRead(void* buffer, uint32_t length);
   bool loadRecordInfo(CFile& file);
   bool loadRecordIndex(CFile& file);
   bool writeRecordIndex();
@@ -153,6 +154,7 @@ class CRecordFile : public IFileListener {
   RecordInfo m_info{};
   std::shared_ptr<CRecordFileIndex> m_index;
   bool m_emptyFile = false;
+  bool m_storeCloseFailed = false;
   bool m_smartMode = false;
   std::function<void(int)> m_stateCallback;
 

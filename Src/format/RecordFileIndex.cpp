@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "KanduLog.h"
+#include "MediaLog.h"
 #include "VeltoFrame.h"
 
 namespace Velto::Zarn {
@@ -29,8 +29,7 @@ void CRecordFileIndex::addIndex(IndexEntry entry) {
   CWriteLock lock(m_lock);
   if (m_complete) std::abort();  // a closed or loaded index never grows
   if (entry.time < m_endTime) {
-    KLOG_WARN("#%d,CRecordFileIndex::%s %d, the timestamp less than m_endTime. Maybe system time was changed.\n", 0,
-              __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFileIndex", 0, "the timestamp less than m_endTime. Maybe system time was changed.\n");
     entry.time = m_endTime;
   }
   m_entries.push_back(entry);
@@ -46,7 +45,7 @@ void CRecordFileIndex::updateEndTime(uint32_t time) {
     return;
   }
   if (!m_timeWentBack) {
-    KLOG_WARN("#%d,CRecordFileIndex::%s %d, the timestamp less than m_endTime.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFileIndex", 0, "the timestamp less than m_endTime.\n");
     m_timeWentBack = true;
   }
 }
@@ -100,7 +99,7 @@ bool CRecordFileIndex::keyBeginLocked(size_t& cursor, bool quiet) const {
       return true;
     }
   }
-  if (!quiet) KLOG_WARN("#%d,CRecordFileIndex::%s %d, it is end.\n", 0, "getKeyBegin", __LINE__);
+  if (!quiet) ZLOG_IN(WARN, "CRecordFileIndex", "getKeyBegin", 0, "it is end.\n");
   return false;
 }
 
@@ -113,7 +112,7 @@ bool CRecordFileIndex::keyPrevLocked(size_t& cursor) const {
       return true;
     }
   }
-  KLOG_WARN("#%d,CRecordFileIndex::%s %d, it is begin.\n", 0, "getKeyPrev", __LINE__);
+  ZLOG_IN(WARN, "CRecordFileIndex", "getKeyPrev", 0, "it is begin.\n");
   return false;
 }
 
@@ -139,6 +138,39 @@ size_t CRecordFileIndex::lowerBoundByOffsetLocked(uint64_t offset) const {
   return static_cast<size_t>(it - m_entries.begin());
 }
 
+bool CRecordFileIndex::keyAfterOffset(uint64_t offset, IndexEntry& out) const {
+  CReadLock lock(m_lock);
+  for (size_t i = lowerBoundByOffsetLocked(offset + 1); i < m_entries.size(); ++i) {
+    if (m_entries[i].isKey()) {
+      out = m_entries[i];
+      return true;
+    }
+  }
+  return false;
+}
+
+bool CRecordFileIndex::keyBeforeOffset(uint64_t offset, IndexEntry& out) const {
+  CReadLock lock(m_lock);
+  for (size_t i = lowerBoundByOffsetLocked(offset); i > 0; --i) {
+    if (m_entries[i - 1].isKey()) {
+      out = m_entries[i - 1];
+      return true;
+    }
+  }
+  return false;
+}
+
+bool CRecordFileIndex::lastKeyEntry(IndexEntry& out) const {
+  CReadLock lock(m_lock);
+  for (size_t i = m_entries.size(); i > 0; --i) {
+    if (m_entries[i - 1].isKey()) {
+      out = m_entries[i - 1];
+      return true;
+    }
+  }
+  return false;
+}
+
 bool CRecordFileIndex::getKeyBegin(size_t& cursor) const {
   CReadLock lock(m_lock);
   return keyBeginLocked(cursor, false);
@@ -152,7 +184,7 @@ bool CRecordFileIndex::getKeyNext(size_t& cursor) const {
       return true;
     }
   }
-  KLOG_WARN("#%d,CRecordFileIndex::%s %d, it is end.\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(WARN, "CRecordFileIndex", 0, "it is end.\n");
   return false;
 }
 
@@ -170,7 +202,7 @@ bool CRecordFileIndex::getSmartKeyPrev(size_t& cursor) const {
       return true;
     }
   }
-  KLOG_WARN("#%d,CRecordFileIndex::%s %d, it is begin.\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(WARN, "CRecordFileIndex", 0, "it is begin.\n");
   return false;
 }
 
@@ -183,13 +215,13 @@ uint64_t CRecordFileIndex::getIFrameOffset(uint32_t time) const {
   CReadLock lock(m_lock);
   size_t first = 0;
   if (!keyBeginLocked(first, true)) {
-    KLOG_WARN("#%d,CRecordFileIndex::%s %d, not find begin key index.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFileIndex", 0, "not find begin key index.\n");
     return kNoOffset;
   }
   if (time < m_entries[first].time) return m_entries[first].offset();
   size_t last = 0;
   if (!keyEndLocked(last)) {
-    KLOG_WARN("#%d,CRecordFileIndex::%s %d, not find end key index.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFileIndex", 0, "not find end key index.\n");
     return kNoOffset;
   }
   if (time >= m_entries[last].time) return m_entries[last].offset();
@@ -202,7 +234,7 @@ uint64_t CRecordFileIndex::getPrevIFrameOffset(uint32_t time, uint64_t offset) c
   CReadLock lock(m_lock);
   size_t last = 0;
   if (!keyEndLocked(last)) {
-    KLOG_WARN("#%d,CRecordFileIndex::%s %d, not find end key index.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFileIndex", 0, "not find end key index.\n");
     return kNoOffset;
   }
   size_t i;
@@ -220,7 +252,7 @@ uint32_t CRecordFileIndex::getIFrameUTC(uint64_t offset) const {
   CReadLock lock(m_lock);
   size_t last = 0;
   if (!keyEndLocked(last)) {
-    KLOG_WARN("#%d,CRecordFileIndex::%s %d, not find end key index.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFileIndex", 0, "not find end key index.\n");
     return 0;
   }
   if (offset >= m_entries[last].offset()) return m_entries[last].time;
@@ -233,7 +265,7 @@ uint64_t CRecordFileIndex::getPrevISmartFrameOffset(uint32_t time, uint64_t offs
   CReadLock lock(m_lock);
   size_t last = 0;
   if (!keyEndLocked(last)) {
-    KLOG_WARN("#%d,CRecordFileIndex::%s %d, not find key index.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "CRecordFileIndex", 0, "not find key index.\n");
     return kNoOffset;
   }
   size_t i = time != 0 ? lowerBoundByTimeLocked(0, time) : lowerBoundByOffsetLocked(offset);
@@ -243,7 +275,7 @@ uint64_t CRecordFileIndex::getPrevISmartFrameOffset(uint32_t time, uint64_t offs
   }
   // Without a smart I frame playback starts from the newest key frame rather
   // than failing.
-  KLOG_WARN("#%d,CRecordFileIndex::%s %d, it is begin.\n", 0, "getSmartKeyPrev", __LINE__);
+  ZLOG_IN(WARN, "CRecordFileIndex", "getSmartKeyPrev", 0, "it is begin.\n");
   return m_entries[last].offset();
 }
 

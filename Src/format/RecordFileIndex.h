@@ -65,6 +65,13 @@ class CRecordFileIndex {
   bool getSmartKeyPrev(size_t& cursor) const;  // the cursor's own entry counts
   bool getKeyEnd(size_t& cursor) const;
 
+  // Key entries by frame offset, for readers stepping through a file by
+  // position: the first key entry whose frame starts after `offset`, the last
+  // one starting before it, the last one of all. false when there is none.
+  bool keyAfterOffset(uint64_t offset, IndexEntry& out) const;
+  bool keyBeforeOffset(uint64_t offset, IndexEntry& out) const;
+  bool lastKeyEntry(IndexEntry& out) const;
+
   // Offset of the key frame to start playback at `time`, kNoOffset without key
   // entries.
   uint64_t getIFrameOffset(uint32_t time) const;

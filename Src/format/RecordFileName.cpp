@@ -4,10 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "KanduLog.h"
+#include "MediaLog.h"
 #include "KanduTime.h"
-#include "MediaContext.h"
-#include "RecordLockHook.h"
+#include "MediaValues.h"
 
 namespace Velto::Zarn {
 
@@ -40,11 +39,6 @@ bool parseStemNumber(const std::string& text, const char* stem, uint32_t& number
   return true;
 }
 
-void logTimeNotSync(const char* function, int line, uint32_t endTime, uint32_t beginTime) {
-  KLOG_ERROR("#%d,GENERAL::%s %d, time is not sync, endTS[%u], beginTS[%u]\n", 0, function, line, endTime,
-             beginTime);
-}
-
 }  // namespace
 
 std::string formatDate(uint32_t seconds) { return Kandu::CTime(seconds).format(kDatePattern); }
@@ -54,15 +48,14 @@ std::string formatTime(uint32_t seconds) { return Kandu::CTime(seconds).format(k
 uint32_t parseDate(const std::string& date) {
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
   if (std::sscanf(date.c_str(), "%4d/%2d/%2d/%2d%2d%2d", &year, &month, &day, &hour, &minute, &second) < 6) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, parseDate error, date[%s]\n", 0, __FUNCTION__, __LINE__, date.c_str());
+    ZLOG(ERROR, "GENERAL", 0, "parseDate error, date[%s]\n", date.c_str());
     return 0;
   }
   // Compared unsigned so that negative fields fail. Hour 24, minute 60,
   // second 60 and month/day 0 pass on purpose: the calendar normalises them.
   if (static_cast<unsigned>(year) >= 10000 || static_cast<unsigned>(month) >= 13 || static_cast<unsigned>(day) >= 32 ||
       static_cast<unsigned>(hour) >= 25 || static_cast<unsigned>(minute) >= 61 || static_cast<unsigned>(second) >= 61) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, parseDate error, year[%d],month[%d],day[%d],hour[%d],minute[%d],second[%d]\n", 0,
-               __FUNCTION__, __LINE__, year, month, day, hour, minute, second);
+    ZLOG(ERROR, "GENERAL", 0, "parseDate error, year[%d],month[%d],day[%d],hour[%d],minute[%d],second[%d]\n", year, month, day, hour, minute, second);
     return 0;
   }
   return static_cast<uint32_t>(Kandu::CTime::makeTime(year, month, day, hour, minute, second));
@@ -71,13 +64,11 @@ uint32_t parseDate(const std::string& date) {
 uint32_t parseTime(uint32_t base, const std::string& time) {
   int hour = 0, minute = 0, second = 0;
   if (std::sscanf(time.c_str(), "%2d%2d%2d", &hour, &minute, &second) != 3) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, parseTime error, baseTime[%" PRIu64 "], time[%s]\n", 0, __FUNCTION__, __LINE__,
-               static_cast<uint64_t>(base), time.c_str());
+    ZLOG(ERROR, "GENERAL", 0, "parseTime error, baseTime[%" PRIu64 "], time[%s]\n", static_cast<uint64_t>(base), time.c_str());
     return 0;
   }
   if (static_cast<unsigned>(hour) >= 25 || static_cast<unsigned>(minute) >= 61 || static_cast<unsigned>(second) >= 61) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, parseTime error, hour[%d], minute[%d], second[%d]\n", 0, __FUNCTION__, __LINE__,
-               hour, minute, second);
+    ZLOG(ERROR, "GENERAL", 0, "parseTime error, hour[%d], minute[%d], second[%d]\n", hour, minute, second);
     return 0;
   }
   // The end time string carries no date: it lies on the begin's day, or on the
@@ -103,7 +94,7 @@ std::string bucketName(const std::string& prefix, uint32_t streamId, uint16_t ki
 }
 
 std::string bucketName(uint32_t streamId, uint16_t kind) {
-  return bucketName(CMediaContext::values().bucketPrefix(), streamId, kind);
+  return bucketName(CMediaValues::instance().bucketPrefix(), streamId, kind);
 }
 
 bool parseBucketName(const std::string& prefix, const std::string& name, uint32_t& streamId, uint16_t& kind) {
@@ -121,14 +112,14 @@ bool parseBucketName(const std::string& prefix, const std::string& name, uint32_
 }
 
 bool parseBucketName(const std::string& name, uint32_t& streamId, uint16_t& kind) {
-  return parseBucketName(CMediaContext::values().bucketPrefix(), name, streamId, kind);
+  return parseBucketName(CMediaValues::instance().bucketPrefix(), name, streamId, kind);
 }
 
 bool isValidRecordFileName(const RecordFileName& record) {
   if (record.beginTime == 0) return false;
   if (record.endTime != 0) {
     if (record.endTime < record.beginTime) {
-      logTimeNotSync(__FUNCTION__, __LINE__, record.endTime, record.beginTime);
+      ZLOG(ERROR, "GENERAL", 0, "time is not sync, endTS[%u], beginTS[%u]\n", record.endTime, record.beginTime);
       return false;
     }
     return true;
@@ -139,7 +130,7 @@ bool isValidRecordFileName(const RecordFileName& record) {
 
 bool generateRecordFileName(const std::string& prefix, const RecordFileName& record, std::string& name) {
   if (!isValidRecordFileName(record)) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, _stFileName is invalid\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "GENERAL", 0, "_stFileName is invalid\n");
     return false;
   }
   const std::string date = formatDate(record.beginTime);
@@ -160,7 +151,7 @@ bool generateRecordFileName(const std::string& prefix, const RecordFileName& rec
 }
 
 bool generateRecordFileName(const RecordFileName& record, std::string& name) {
-  return generateRecordFileName(CMediaContext::values().bucketPrefix(), record, name);
+  return generateRecordFileName(CMediaValues::instance().bucketPrefix(), record, name);
 }
 
 bool parseRecordFileName(const std::string& prefix, const std::string& name, RecordFileName& record) {
@@ -211,7 +202,7 @@ bool parseRecordFileName(const std::string& prefix, const std::string& name, Rec
 }
 
 bool parseRecordFileName(const std::string& name, RecordFileName& record) {
-  return parseRecordFileName(CMediaContext::values().bucketPrefix(), name, record);
+  return parseRecordFileName(CMediaValues::instance().bucketPrefix(), name, record);
 }
 
 bool nextValidRecordFile(const std::string& bucket, const CFileList& list, size_t& cursor, RecordFileName& record) {
@@ -258,28 +249,11 @@ bool toRecordClipEx(const RecordFileName& record, RecordClipEx& clip) {
 bool recordFileRename(CZarnFileSystem& fs, const std::string& oldName, const RecordFileName& record) {
   std::string newName;
   if (!generateRecordFileName(record, newName)) return false;
-  KLOG_INFO("#%d,GENERAL::%s %d, rename : %s >> %s\n", 0, __FUNCTION__, __LINE__, oldName.c_str(), newName.c_str());
+  ZLOG(INFO, "GENERAL", 0, "rename : %s >> %s\n", oldName.c_str(), newName.c_str());
   if (!fs.renameFile(oldName, newName)) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, rename failed : %s\n", static_cast<int>(getLastError()), __FUNCTION__, __LINE__,
-               getErrorMsg());
+    ZLOG(ERROR, "GENERAL", static_cast<int>(getLastError()), "rename failed : %s\n", getErrorMsg());
     return false;
   }
-  return true;
-}
-
-bool removeRecordFile(CZarnFileSystem& fs, const RecordFileName& record) {
-  std::string name;
-  if (!generateRecordFileName(record, name)) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, generateRecordFileName failed\n", 0, __FUNCTION__, __LINE__);
-    return false;
-  }
-  KLOG_INFO("#%d,GENERAL::%s %d, remove : %s\n", 0, __FUNCTION__, __LINE__, name.c_str());
-  if (!fs.removeFile(name)) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, remove file failed [%s]\n", 0, __FUNCTION__, __LINE__, name.c_str());
-    return false;
-  }
-  // Only record files count in the ledger, and only while they hold a lock.
-  if (record.isIndex == 0 && record.lockCount != 0) onLockedRecordRemoved(fs, record.size >> 20);
   return true;
 }
 

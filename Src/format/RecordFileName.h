@@ -115,8 +115,5 @@ bool toRecordClipEx(const RecordFileName& record, RecordClipEx& clip);
 // completion and trimming change files this way). false when the record
 // cannot be named or the store refuses the rename (it never replaces a file).
 bool recordFileRename(CZarnFileSystem& fs, const std::string& oldName, const RecordFileName& record);
-// Removes the file named by `record`. Removing a locked record file also takes
-// its size (MiB) off the store-wide lock-size ledger.
-bool removeRecordFile(CZarnFileSystem& fs, const RecordFileName& record);
 
 }  // namespace Velto::Zarn

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "KanduTime.h"
-#include "MediaContext.h"
+#include "MediaValues.h"
 
 namespace Velto::Zarn {
 
@@ -67,7 +67,7 @@ void sealFrameHead(uint8_t* head) { head[kOffChecksum] = frameHeadChecksum(head)
 
 uint32_t currentMaxFrameSize() {
   // setMaxFrameSize stores the host's int unchecked; the comparison is unsigned.
-  return static_cast<uint32_t>(CMediaContext::values().maxFrameSize.load(std::memory_order_relaxed));
+  return static_cast<uint32_t>(CMediaValues::instance().maxFrameSize.load(std::memory_order_relaxed));
 }
 
 bool checkFrameHead(const uint8_t* head, uint32_t maxFrameSize) {

@@ -9,7 +9,7 @@
 // Every function here takes a pointer to the head's first byte (or to the
 // extension area / tail where named so) and reads the frame as little-endian
 // bytes; none of them keeps state. The only shared value they read is the
-// process-wide maximum frame size (CMediaContext::values().maxFrameSize), taken
+// process-wide maximum frame size (CMediaValues::instance().maxFrameSize), taken
 // anew at each call by the overloads without an explicit size.
 //
 // Callers own the bytes and guarantee that at least the 24 head bytes are

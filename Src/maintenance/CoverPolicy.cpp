@@ -1,14 +1,13 @@
 #include "CoverPolicy.h"
 
-#include "KanduLog.h"
+#include "MediaLog.h"
 
 namespace Velto::Zarn {
 
 void CCoverPolicies::set(uint32_t streamId, uint64_t durationHours, uint64_t space, uint64_t defaultHours) {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (durationHours == 0 && space == 0) {
-    KLOG_INFO("#%d,CZarnCyclicCover::%s %d, setRecycle hours to default. streamID:%u durationHours:%u\n\n", 0,
-              "setCoverPolicy", __LINE__, streamId, static_cast<unsigned>(defaultHours));
+    ZLOG_IN(INFO, "CZarnCyclicCover", "setCoverPolicy", 0, "setRecycle hours to default. streamID:%u durationHours:%u\n\n", streamId, static_cast<unsigned>(defaultHours));
     if (defaultHours == 0) {
       m_policies.erase(streamId);
       return;

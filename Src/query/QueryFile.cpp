@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "KanduLog.h"
+#include "MediaLog.h"
 
 namespace Velto::Zarn {
 
@@ -27,7 +27,7 @@ bool CQueryFile::open(const std::string& beginMarker, const std::string& endMark
   m_end = false;
   m_pending.clear();
   if (!NextQuery()) {
-    KLOG_ERROR("#%d,CQueryFile::%s %d, Next query failed.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "CQueryFile", 0, "Next query failed.\n");
     return false;
   }
   if (m_end) {
@@ -41,15 +41,14 @@ bool CQueryFile::open(const std::string& beginMarker, const std::string& endMark
 
 bool CQueryFile::NextQuery() {
   if (m_end) {
-    KLOG_INFO("#%d,CQueryFile::%s %d, query is end, not need to query.\n\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(INFO, "CQueryFile", 0, "query is end, not need to query.\n\n");
     return false;
   }
   CBucket bucket = m_fs.getBucket(m_bucketName);
   CFileList page;
   if (!bucket.isValid() || !bucket.list(page, m_beginMarker, m_endMarker, kQueryPageSize)) {
     const int32_t code = getLastError();
-    KLOG_ERROR("#%d,CQueryFile::%s %d, bucket list failed: %d, %s\n\n", static_cast<int>(code), __FUNCTION__,
-               __LINE__, static_cast<int>(code), getErrorMsg());
+    ZLOG(ERROR, "CQueryFile", static_cast<int>(code), "bucket list failed: %d, %s\n\n", static_cast<int>(code), getErrorMsg());
     return false;
   }
   const std::string stem = m_bucketName + "/";

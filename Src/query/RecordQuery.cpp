@@ -7,11 +7,9 @@
 #include <limits>
 #include <string>
 
-#include "IndexFixSubmit.h"
-#include "KanduLog.h"
-#include "MediaContext.h"
+#include "MediaLog.h"
+#include "MediaValues.h"
 #include "QueryFile.h"
-#include "WritingFiles.h"
 
 namespace Velto::Zarn {
 
@@ -32,8 +30,7 @@ bool isQueryableRecord(const RecordFileName& info) {
   if (info.isIndex != 0 || info.beginTime == 0) return false;
   if (info.endTime != 0) {
     if (info.endTime < info.beginTime) {
-      KLOG_ERROR("#%d,GENERAL::%s %d, time is not sync, endTS[%u], beginTS[%u]\n", 0, __FUNCTION__, __LINE__,
-                 info.endTime, info.beginTime);
+      ZLOG(ERROR, "GENERAL", 0, "time is not sync, endTS[%u], beginTS[%u]\n", info.endTime, info.beginTime);
       return false;
     }
     return true;
@@ -47,36 +44,32 @@ const char* missText(uint8_t missing) { return missing ? "miss" : "unmiss"; }
 // The size line and the first and last entries of a result, at trace level.
 template <typename Clip>
 void logClipSummary(const char* function, const std::vector<Clip>& clips) {
-  KLOG_TRACE("#%d,GENERAL::%s %d, clips size = %zu\n", 0, function, __LINE__, clips.size());
+  ZLOG_IN(TRACE, "GENERAL", function, 0, "clips size = %zu\n", clips.size());
   if (clips.empty()) return;
   const Clip& first = clips.front();
-  KLOG_TRACE("#%d,GENERAL::%s %d, The first: [%s - %s] type:%d %s %s >> %" PRIu64 "Byte\n", 0, function, __LINE__,
-             formatDate(first.beginTime).c_str(), formatDate(first.endTime).c_str(), static_cast<int>(first.type),
-             lockText(first.locked), missText(first.missing), static_cast<uint64_t>(first.size));
+  ZLOG_IN(TRACE, "GENERAL", function, 0, "The first: [%s - %s] type:%d %s %s >> %" PRIu64 "Byte\n", formatDate(first.beginTime).c_str(), formatDate(first.endTime).c_str(), static_cast<int>(first.type), lockText(first.locked), missText(first.missing), static_cast<uint64_t>(first.size));
   if (clips.size() < 2) return;
   const Clip& last = clips.back();
-  KLOG_TRACE("#%d,GENERAL::%s %d, The last: [%s - %s] type:%d %s %s >> %" PRIu64 "Byte\n", 0, function, __LINE__,
-             formatDate(last.beginTime).c_str(), formatDate(last.endTime).c_str(), static_cast<int>(last.type),
-             lockText(last.locked), missText(last.missing), static_cast<uint64_t>(last.size));
+  ZLOG_IN(TRACE, "GENERAL", function, 0, "The last: [%s - %s] type:%d %s %s >> %" PRIu64 "Byte\n", formatDate(last.beginTime).c_str(), formatDate(last.endTime).c_str(), static_cast<int>(last.type), lockText(last.locked), missText(last.missing), static_cast<uint64_t>(last.size));
 }
 
 // Both clip queries: gather, submit index repairs, then stream the files
 // through one accumulating clip, emitting pieces as soon as they are complete.
-int32_t buildClipList(const char* function, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t buildClipList(const char* function, const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                       std::vector<RecordClip>& clips, uint32_t durationPerClip, bool aligned) {
   if (durationPerClip == 0) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, para error, durationPerClip cannot be 0\n", 0, function, __LINE__);
+    ZLOG_IN(ERROR, "GENERAL", function, 0, "para error, durationPerClip cannot be 0\n");
     return -1;
   }
   std::vector<RecordFileName> files;
-  const int32_t count = gatherRecordFiles(fs, streamId, beginTS, endTS, files);
+  const int32_t count = gatherRecordFiles(env, fs, streamId, beginTS, endTS, files);
   if (count < 0) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, listRecordFileInfo failed\n", 0, function, __LINE__);
+    ZLOG_IN(ERROR, "GENERAL", function, 0, "listRecordFileInfo failed\n");
     return -1;
   }
   if (count == 0) return 0;
 
-  submitFilesNeedingIndex(fs, files);
+  submitFilesNeedingIndex(env.indexFix, fs, files);
 
   RecordClip clip{};
   bool haveClip = false;
@@ -101,14 +94,12 @@ int32_t buildClipList(const char* function, CZarnFileSystem& fs, uint32_t stream
 
 }  // namespace
 
-int32_t listRecordFileInfo(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t listRecordFileInfo(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                            std::vector<RecordFileName>& out, uint16_t bucketKind) {
-  KLOG_DEBUG("#%d,GENERAL::%s %d, listRecordFileInfo. stream_id:%u, beginTS:%u, endTS:%u\n", 0, __FUNCTION__,
-             __LINE__, streamId, beginTS, endTS);
+  ZLOG(DEBUG, "GENERAL", 0, "listRecordFileInfo. stream_id:%u, beginTS:%u, endTS:%u\n", streamId, beginTS, endTS);
   const std::string bucket = bucketName(streamId, bucketKind);
   if (!fs.getBucket(bucket).isValid()) {
-    KLOG_WARN("#%d,GENERAL::%s %d, bucket[%s] open failed : %s\n", static_cast<int>(getLastError()), __FUNCTION__,
-              __LINE__, bucket.c_str(), getErrorMsg());
+    ZLOG(WARN, "GENERAL", static_cast<int>(getLastError()), "bucket[%s] open failed : %s\n", bucket.c_str(), getErrorMsg());
     return 0;
   }
 
@@ -118,12 +109,11 @@ int32_t listRecordFileInfo(CZarnFileSystem& fs, uint32_t streamId, uint32_t begi
   const std::string beginMarker = formatDate(beginTS > kQueryLookBackSeconds ? beginTS - kQueryLookBackSeconds : 0);
   const std::string endMarker =
       formatDate(endTS > kMaxTime - kQueryLookAheadSeconds ? kMaxTime : endTS + kQueryLookAheadSeconds);
-  KLOG_TRACE("#%d,GENERAL::%s %d, query file during: [%s, %s]\n", 0, __FUNCTION__, __LINE__, beginMarker.c_str(),
-             endMarker.c_str());
+  ZLOG(TRACE, "GENERAL", 0, "query file during: [%s, %s]\n", beginMarker.c_str(), endMarker.c_str());
 
   CQueryFile query(fs, bucket);
   if (!query.open(beginMarker, endMarker)) {
-    KLOG_TRACE("#%d,GENERAL::%s %d, queryfile open failed, maybe no file.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(TRACE, "GENERAL", 0, "queryfile open failed, maybe no file.\n");
     return static_cast<int32_t>(out.size());
   }
 
@@ -141,44 +131,41 @@ int32_t listRecordFileInfo(CZarnFileSystem& fs, uint32_t streamId, uint32_t begi
         query.pushFront(ahead);
         break;
       }
-      if (!fileUpdEndTS(fs, streamId, info, nextBegin)) continue;
+      if (!fileUpdEndTS(env, fs, streamId, info, nextBegin)) continue;
     }
     if (beginTS >= info.realEndTime || endTS <= info.beginTime || info.indexState == RECORD_INDEX_TOO_SMALL) continue;
     out.push_back(info);
   }
-  KLOG_TRACE("#%d,GENERAL::%s %d, available file num = %d\n", 0, __FUNCTION__, __LINE__,
-             static_cast<int>(out.size()));
+  ZLOG(TRACE, "GENERAL", 0, "available file num = %d\n", static_cast<int>(out.size()));
   return static_cast<int32_t>(out.size());
 }
 
-int32_t gatherRecordFiles(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t gatherRecordFiles(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                           std::vector<RecordFileName>& out) {
   // The forgotten bucket holds the older part of the stream, so its files go
   // first. Its count is deliberately not used: the media bucket's call
   // returns the total.
-  (void)listRecordFileInfo(fs, streamId, beginTS, endTS, out, BUCKET_KIND_FORGOTTEN);
-  return listRecordFileInfo(fs, streamId, beginTS, endTS, out, BUCKET_KIND_MEDIA);
+  (void)listRecordFileInfo(env, fs, streamId, beginTS, endTS, out, BUCKET_KIND_FORGOTTEN);
+  return listRecordFileInfo(env, fs, streamId, beginTS, endTS, out, BUCKET_KIND_MEDIA);
 }
 
-bool fileUpdEndTS(CZarnFileSystem& fs, uint32_t streamId, RecordFileName& info, uint32_t nextBegin) {
+bool fileUpdEndTS(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, RecordFileName& info, uint32_t nextBegin) {
   const bool isLast = nextBegin == 0;
   std::string fileName;
   if (!generateRecordFileName(info, fileName)) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, generateRecordFileName failed.\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "GENERAL", 0, "generateRecordFileName failed.\n");
     return false;
   }
-  KLOG_DEBUG("#%d,GENERAL::%s %d, fileUpdEndTS. stream_id:%u, file:%s, isLast:%d\n", 0, __FUNCTION__, __LINE__,
-             streamId, fileName.c_str(), isLast ? 1 : 0);
+  ZLOG(DEBUG, "GENERAL", 0, "fileUpdEndTS. stream_id:%u, file:%s, isLast:%d\n", streamId, fileName.c_str(), isLast ? 1 : 0);
 
   ZarnFileStat stat;
   if (!fs.getFileStat(fileName, stat)) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, getFileStat failed.\n", static_cast<int>(getLastError()), __FUNCTION__,
-               __LINE__);
+    ZLOG(ERROR, "GENERAL", static_cast<int>(getLastError()), "getFileStat failed.\n");
     return false;
   }
 
-  const CMediaValues& values = CMediaContext::values();
-  const int64_t now = values.localNow();
+  const CMediaValues& values = CMediaValues::instance();
+  const int64_t now = values.localNow(env.clock);
   const uint32_t longestEnd = clampToTime(static_cast<int64_t>(info.beginTime) + kMaxRecordFileSeconds);
 
   if (stat.openForWrite && isLast) {
@@ -186,34 +173,30 @@ bool fileUpdEndTS(CZarnFileSystem& fs, uint32_t streamId, RecordFileName& info, 
     // a writer in this process (another process writes, or it has not written
     // a frame yet) estimate: a file never runs past an hour, nor past now.
     const char* source = "writer";
-    uint32_t end = CMediaContext::instance().writingFiles().currentEndTime(streamId);
+    uint32_t end = env.writingFiles.currentEndTime(streamId);
     if (end == 0) {
       source = "sys";
       end = std::min(longestEnd, clampToTime(now));
     }
     info.realEndTime = end;
     info.size = stat.size;
-    KLOG_INFO("#%d,GENERAL::%s %d, file is writing. file real modify time[%s] = %s,%u\n", 0, __FUNCTION__, __LINE__,
-              source, formatDate(end).c_str(), end);
+    ZLOG(INFO, "GENERAL", 0, "file is writing. file real modify time[%s] = %s,%u\n", source, formatDate(end).c_str(), end);
     return info.realEndTime >= info.beginTime;
   }
 
   // The last write, the longest a file runs and the next file's begin all
   // bound the end. For the last file nextBegin is 0, which refuses it below:
   // only the index fixer, reading the frames, may name such a file's end.
-  const int64_t modified =
-      static_cast<int64_t>(stat.modifyTime) + static_cast<int64_t>(values.timeZoneDiff.load()) * 3600;
+  const int64_t modified = values.localTime(static_cast<int64_t>(stat.modifyTime));
   info.realEndTime = std::min({clampToTime(modified), longestEnd, nextBegin});
-  KLOG_INFO("#%d,GENERAL::%s %d, files real modify time[mds] = %s,%u, fileBeginTs:%s\n", 0, __FUNCTION__, __LINE__,
-            formatDate(info.realEndTime).c_str(), info.realEndTime, formatDate(info.beginTime).c_str());
+  ZLOG(INFO, "GENERAL", 0, "files real modify time[mds] = %s,%u, fileBeginTs:%s\n", formatDate(info.realEndTime).c_str(), info.realEndTime, formatDate(info.beginTime).c_str());
   if (info.realEndTime < info.beginTime) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, time is not sync, endTS[%u], beginTS[%u]\n", 0, __FUNCTION__, __LINE__,
-               info.realEndTime, info.beginTime);
+    ZLOG(ERROR, "GENERAL", 0, "time is not sync, endTS[%u], beginTS[%u]\n", info.realEndTime, info.beginTime);
     return false;
   }
 
   if (stat.openForWrite) {
-    KLOG_WARN("#%d,GENERAL::%s %d, Not last file & writing ...\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "GENERAL", 0, "Not last file & writing ...\n");
     return true;
   }
 
@@ -227,7 +210,7 @@ bool fileUpdEndTS(CZarnFileSystem& fs, uint32_t streamId, RecordFileName& info, 
       return false;
     }
   } else {
-    KLOG_WARN("#%d,GENERAL::%s %d, not enough time for write(sdk) to update fileName\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(WARN, "GENERAL", 0, "not enough time for write(sdk) to update fileName\n");
   }
   return true;
 }
@@ -236,16 +219,14 @@ bool listRecordFiles(CZarnFileSystem& fs, uint32_t streamId, uint32_t maxCount, 
   const std::string bucketNameText = bucketName(streamId, BUCKET_KIND_MEDIA);
   CBucket bucket = fs.getBucket(bucketNameText);
   if (!bucket.isValid()) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, get bucket(%s) failed: %s\n", static_cast<int>(getLastError()), __FUNCTION__,
-               __LINE__, bucketNameText.c_str(), getErrorMsg());
+    ZLOG(ERROR, "GENERAL", static_cast<int>(getLastError()), "get bucket(%s) failed: %s\n", bucketNameText.c_str(), getErrorMsg());
     return false;
   }
   std::string marker;
   for (;;) {
     CFileList page;
     if (!bucket.list(page, marker, std::string(), kRecordListPageSize)) {
-      KLOG_ERROR("#%d,GENERAL::%s %d, bucket(%s) list failed: %s\n", static_cast<int>(getLastError()), __FUNCTION__,
-                 __LINE__, bucketNameText.c_str(), getErrorMsg());
+      ZLOG(ERROR, "GENERAL", static_cast<int>(getLastError()), "bucket(%s) list failed: %s\n", bucketNameText.c_str(), getErrorMsg());
       return false;
     }
     size_t cursor = 0;
@@ -273,8 +254,7 @@ void splitClip(RecordClip& clip, uint32_t beginTS, uint32_t endTS, std::vector<R
   if (durationPerClip == 0) std::abort();  // the queries refuse 0 before cutting
   uint64_t duration = durationPerClip;
   if (durationPerClip == kMaxTime) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, durationPerClip is -1, convert to 30 days avoid overflow.\n", 0, __FUNCTION__,
-               __LINE__);
+    ZLOG(ERROR, "GENERAL", 0, "durationPerClip is -1, convert to 30 days avoid overflow.\n");
     duration = kMaxDurationPerClip;
   }
   while (clip.beginTime < clip.endTime) {
@@ -312,11 +292,11 @@ void splitClip(RecordClip& clip, uint32_t beginTS, uint32_t endTS, std::vector<R
   }
 }
 
-bool findFirstFileEndingAfter(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS, uint32_t t,
+bool findFirstFileEndingAfter(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS, uint32_t t,
                               RecordFileName& outInfo) {
   std::vector<RecordFileName> files;
-  if (gatherRecordFiles(fs, streamId, beginTS, endTS, files) < 0) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, listRecordFileInfo failed\n", 0, __FUNCTION__, __LINE__);
+  if (gatherRecordFiles(env, fs, streamId, beginTS, endTS, files) < 0) {
+    ZLOG(ERROR, "GENERAL", 0, "listRecordFileInfo failed\n");
     return false;
   }
   for (const RecordFileName& file : files) {
@@ -328,11 +308,11 @@ bool findFirstFileEndingAfter(CZarnFileSystem& fs, uint32_t streamId, uint32_t b
   return true;
 }
 
-bool findLastFileBeginningBefore(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+bool findLastFileBeginningBefore(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                                  uint32_t t, RecordFileName& outInfo) {
   std::vector<RecordFileName> files;
-  if (gatherRecordFiles(fs, streamId, beginTS, endTS, files) < 0) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, listRecordFileInfo failed\n", 0, __FUNCTION__, __LINE__);
+  if (gatherRecordFiles(env, fs, streamId, beginTS, endTS, files) < 0) {
+    ZLOG(ERROR, "GENERAL", 0, "listRecordFileInfo failed\n");
     return false;
   }
   for (auto it = files.rbegin(); it != files.rend(); ++it) {
@@ -344,28 +324,25 @@ bool findLastFileBeginningBefore(CZarnFileSystem& fs, uint32_t streamId, uint32_
   return true;
 }
 
-int32_t queryRecordClipList(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t queryRecordClipList(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                             std::vector<RecordClip>& clips, uint32_t durationPerClip) {
-  KLOG_DEBUG("#%d,GENERAL::%s %d, queryRecordClipList. stream_id:%u, beginTS:%u, endTS:%u, durationPerClip:%u\n", 0,
-             __FUNCTION__, __LINE__, streamId, beginTS, endTS, durationPerClip);
-  return buildClipList(__FUNCTION__, fs, streamId, beginTS, endTS, clips, durationPerClip, false);
+  ZLOG(DEBUG, "GENERAL", 0, "queryRecordClipList. stream_id:%u, beginTS:%u, endTS:%u, durationPerClip:%u\n", streamId, beginTS, endTS, durationPerClip);
+  return buildClipList(__FUNCTION__, env, fs, streamId, beginTS, endTS, clips, durationPerClip, false);
 }
 
-int32_t queryAlignedClipList(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t queryAlignedClipList(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                              std::vector<RecordClip>& clips, uint32_t durationPerClip) {
-  KLOG_DEBUG("#%d,GENERAL::%s %d, queryAlignedClipList. stream_id:%u, beginTS:%u, endTS:%u, durationPerClip:%u\n", 0,
-             __FUNCTION__, __LINE__, streamId, beginTS, endTS, durationPerClip);
-  return buildClipList(__FUNCTION__, fs, streamId, beginTS, endTS, clips, durationPerClip, true);
+  ZLOG(DEBUG, "GENERAL", 0, "queryAlignedClipList. stream_id:%u, beginTS:%u, endTS:%u, durationPerClip:%u\n", streamId, beginTS, endTS, durationPerClip);
+  return buildClipList(__FUNCTION__, env, fs, streamId, beginTS, endTS, clips, durationPerClip, true);
 }
 
-int32_t queryRecordFileList(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t queryRecordFileList(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                             std::vector<RecordClipEx>& files) {
-  KLOG_DEBUG("#%d,GENERAL::%s %d, queryRecordFileList. stream_id:%u, beginTS:%u, endTS:%u\n", 0, __FUNCTION__,
-             __LINE__, streamId, beginTS, endTS);
+  ZLOG(DEBUG, "GENERAL", 0, "queryRecordFileList. stream_id:%u, beginTS:%u, endTS:%u\n", streamId, beginTS, endTS);
   std::vector<RecordFileName> records;
-  const int32_t count = gatherRecordFiles(fs, streamId, beginTS, endTS, records);
+  const int32_t count = gatherRecordFiles(env, fs, streamId, beginTS, endTS, records);
   if (count < 0) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, listRecordFileInfo failed\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "GENERAL", 0, "listRecordFileInfo failed\n");
     return -1;
   }
   if (count == 0) return 0;
@@ -380,18 +357,17 @@ int32_t queryRecordFileList(CZarnFileSystem& fs, uint32_t streamId, uint32_t beg
   return 0;
 }
 
-int32_t queryRecordStatus(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t queryRecordStatus(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                           std::vector<bool>& status, uint32_t interval) {
-  KLOG_DEBUG("#%d,GENERAL::%s %d, queryRecordStatus. stream_id:%u, beginTS:%u, endTS:%u, Interval:%u\n", 0,
-             __FUNCTION__, __LINE__, streamId, beginTS, endTS, interval);
+  ZLOG(DEBUG, "GENERAL", 0, "queryRecordStatus. stream_id:%u, beginTS:%u, endTS:%u, Interval:%u\n", streamId, beginTS, endTS, interval);
   if (interval == 0) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, parameter error, statisticInterval cannot be 0\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "GENERAL", 0, "parameter error, statisticInterval cannot be 0\n");
     return -1;
   }
   std::vector<RecordClip> clips;
-  if (queryAlignedClipList(fs, streamId, beginTS, endTS, clips, interval) != 0) {
+  if (queryAlignedClipList(env, fs, streamId, beginTS, endTS, clips, interval) != 0) {
     // Deliberately not a failure: the bitmap shows what could be found.
-    KLOG_ERROR("#%d,GENERAL::%s %d, queryAlignedClipList failed\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "GENERAL", 0, "queryAlignedClipList failed\n");
   }
   const uint32_t bits = (endTS - beginTS + interval - 1) / interval;
   status.assign(bits, false);
@@ -399,13 +375,13 @@ int32_t queryRecordStatus(CZarnFileSystem& fs, uint32_t streamId, uint32_t begin
     const uint32_t bit = (clip.beginTime - beginTS + 1) / interval;
     if (bit < bits) status[bit] = true;
   }
-  KLOG_TRACE("#%d,GENERAL::%s %d, recordStatus size = %zu\n", 0, __FUNCTION__, __LINE__, status.size());
+  ZLOG(TRACE, "GENERAL", 0, "recordStatus size = %zu\n", status.size());
   if (Kandu::logEnabled(Kandu::LOG_TRACE)) {
     std::string detail = "detail: [ " + formatDate(beginTS) + " - " + formatDate(endTS) + " ] [ ";
     detail.reserve(detail.size() + status.size() * 2 + 1);
     for (bool bit : status) detail += bit ? "1 " : "0 ";
     detail += "]";
-    KLOG_TRACE("#%d,GENERAL::%s %d, recordStatus %s\n", 0, __FUNCTION__, __LINE__, detail.c_str());
+    ZLOG(TRACE, "GENERAL", 0, "recordStatus %s\n", detail.c_str());
   }
   return 0;
 }

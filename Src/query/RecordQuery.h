@@ -15,6 +15,10 @@
 // the next file's begin, and is renamed to carry that end once 30 s have
 // passed since it (see fileUpdEndTS).
 //
+// Besides the store handle every query that completes ends takes a QueryEnv:
+// the clock "now" is read from, the files this process is writing and the
+// sink for files without a usable index.
+//
 // Results are appended to the caller's vectors; pass them empty. Failures are
 // results (-1 / false) after a log line; store errors carry the store's code.
 //
@@ -26,6 +30,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "QueryEnv.h"
 #include "RecordFileName.h"
 #include "ZarnClient.h"
 #include "ZarnMediaClient.h"
@@ -55,7 +60,7 @@ inline constexpr uint32_t kMaxDurationPerClip = 2592000;
 // without an end. Returns the number of entries `out` holds afterwards (all of
 // them, not only those appended), or 0 when the bucket cannot be opened (a
 // missing bucket is an empty answer, not a failure).
-int32_t listRecordFileInfo(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t listRecordFileInfo(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                            std::vector<RecordFileName>& out, uint16_t bucketKind);
 
 // The common first step of every query, of locking and of deletion: the
@@ -63,7 +68,7 @@ int32_t listRecordFileInfo(CZarnFileSystem& fs, uint32_t streamId, uint32_t begi
 // Returns the media bucket's listRecordFileInfo result: the total count, 0 for
 // nothing to report (including a media bucket that cannot be opened), negative
 // on failure.
-int32_t gatherRecordFiles(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t gatherRecordFiles(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                           std::vector<RecordFileName>& out);
 
 // Completes `info.realEndTime` of a file without an end in its name.
@@ -76,7 +81,7 @@ int32_t gatherRecordFiles(CZarnFileSystem& fs, uint32_t streamId, uint32_t begin
 // is at least 30 s old is renamed to carry it (`endTime` set). false when the
 // file cannot be named, stat'ed or renamed, or its end would precede its
 // begin.
-bool fileUpdEndTS(CZarnFileSystem& fs, uint32_t streamId, RecordFileName& info, uint32_t nextBegin);
+bool fileUpdEndTS(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, RecordFileName& info, uint32_t nextBegin);
 
 // Appends the valid record files of the stream's media bucket, whatever their
 // times, in name order, paging kRecordListPageSize names at a time until a
@@ -105,10 +110,10 @@ void splitClip(RecordClip& clip, uint32_t beginTS, uint32_t endTS, std::vector<R
 // gathering fails; true otherwise, with `outInfo` untouched when nothing
 // matches.
 // The first file, in gathered order, whose realEndTime is after `t`.
-bool findFirstFileEndingAfter(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS, uint32_t t,
+bool findFirstFileEndingAfter(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS, uint32_t t,
                               RecordFileName& outInfo);
 // From the last file backwards, the first whose endTime lies in [beginTS, t].
-bool findLastFileBeginningBefore(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+bool findLastFileBeginningBefore(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                                  uint32_t t, RecordFileName& outInfo);
 
 // The facade's queries. 0 on success (an empty or missing bucket included),
@@ -116,20 +121,20 @@ bool findLastFileBeginningBefore(CZarnFileSystem& fs, uint32_t streamId, uint32_
 //
 // Clips of at most durationPerClip seconds: files that follow each other
 // (gap 0 or 1 s) with the same lock state and type are merged, then cut.
-int32_t queryRecordClipList(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t queryRecordClipList(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                             std::vector<RecordClip>& clips, uint32_t durationPerClip);
 // The same, cut on multiples of durationPerClip.
-int32_t queryAlignedClipList(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t queryAlignedClipList(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                              std::vector<RecordClip>& clips, uint32_t durationPerClip);
 // One entry per gathered file with its full name; no merging, no cutting.
-int32_t queryRecordFileList(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t queryRecordFileList(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                             std::vector<RecordClipEx>& files);
 // `status` becomes ceil((endTS - beginTS) / interval) bits (32-bit unsigned
 // arithmetic); the aligned clip beginning at b sets bit (b - beginTS + 1) /
 // interval. The "+ 1" is deliberate and kept: a clip beginning in the last
 // second of an interval marks the next one. Bits past the end are not set. A failing clip query is logged and the bitmap built from what it
 // left.
-int32_t queryRecordStatus(CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
+int32_t queryRecordStatus(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
                           std::vector<bool>& status, uint32_t interval);
 
 }  // namespace Velto::Zarn

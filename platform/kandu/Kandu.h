@@ -2,6 +2,7 @@
 // logging and CRC-32.
 #pragma once
 
+#include "KanduClock.h"
 #include "KanduCrc.h"
 #include "KanduFile.h"
 #include "KanduLog.h"

@@ -2,33 +2,12 @@
 
 #include <time.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <mutex>
 
 namespace Velto::Kandu {
 
 namespace {
-
-// The replaced wall clock. The flag keeps the common case (no replacement) to one
-// atomic load; the mutex only guards the function object itself.
-std::atomic<bool> g_testClockSet{false};
-std::mutex g_testClockMutex;
-std::shared_ptr<const std::function<int64_t()>> g_testClock;  // guarded by g_testClockMutex
-
-int64_t systemWallClockMs() {
-  struct timespec ts;
-  ::clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-// Floor division, so that times before the epoch fall into the right second.
-int64_t floorDiv(int64_t value, int64_t divisor) {
-  int64_t q = value / divisor;
-  return (value % divisor != 0 && (value < 0) != (divisor < 0)) ? q - 1 : q;
-}
 
 struct tm toFields(int64_t seconds) {
   struct tm fields;
@@ -40,38 +19,10 @@ struct tm toFields(int64_t seconds) {
 
 }  // namespace
 
-int64_t wallClockMs() {
-  if (!g_testClockSet.load(std::memory_order_acquire)) return systemWallClockMs();
-  std::shared_ptr<const std::function<int64_t()>> source;
-  {
-    std::lock_guard<std::mutex> lock(g_testClockMutex);
-    source = g_testClock;
-  }
-  return source ? (*source)() : systemWallClockMs();
-}
-
-int64_t wallClockSeconds() { return floorDiv(wallClockMs(), 1000); }
-
-void setWallClockForTest(std::function<int64_t()> sourceMs) {
-  std::shared_ptr<const std::function<int64_t()>> replacement;
-  if (sourceMs) replacement = std::make_shared<const std::function<int64_t()>>(std::move(sourceMs));
-  std::lock_guard<std::mutex> lock(g_testClockMutex);
-  g_testClock = std::move(replacement);
-  g_testClockSet.store(g_testClock != nullptr, std::memory_order_release);
-}
-
-uint64_t monotonicUs() {
-  struct timespec ts;
-  ::clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
-}
-
-uint64_t monotonicMs() { return monotonicUs() / 1000u; }
-
 CTime::CTime(int year, int month, int day, int hour, int minute, int second)
     : m_seconds(makeTime(year, month, day, hour, minute, second)) {}
 
-CTime CTime::now() { return CTime(wallClockSeconds()); }
+CTime CTime::now(const IClock& clock) { return CTime(clock.wallClockSeconds()); }
 
 int64_t CTime::makeTime(int year, int month, int day, int hour, int minute, int second) {
   // timegm normalises every out-of-range field (month 0, day 0, hour 24, second 60)

@@ -1,31 +1,22 @@
-// Kandu calendar time and clocks.
+// Kandu calendar time.
 //
 // CTime converts between seconds since the epoch and calendar fields with one
 // conversion both ways: UTC (timegm / gmtime_r), so that a time formatted and
-// parsed again is the same number whatever the machine's time zone.
-//
-// The wall clock can be replaced in tests (setWallClockForTest) so that code
-// comparing record times with "now" can be driven deterministically. The
-// monotonic clock is never replaced: it measures durations.
+// parsed again is the same number whatever the machine's time zone. What time
+// it is comes from a clock (KanduClock.h).
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
+
+#include "KanduClock.h"
 
 namespace Velto::Kandu {
 
-// Wall clock, seconds and milliseconds since the epoch (UTC).
-int64_t wallClockSeconds();
-int64_t wallClockMs();
-// Replaces the wall clock with `source` (milliseconds since the epoch); an empty
-// function restores the system clock. For tests only; not synchronised with
-// concurrent readers beyond being a single atomic swap of the source.
-void setWallClockForTest(std::function<int64_t()> sourceMs);
-
-// Monotonic clock for durations.
-uint64_t monotonicMs();
-uint64_t monotonicUs();
+// The system clock's monotonic face: for measuring real waits and durations
+// (polls, retries, benchmarks), never for record time.
+inline uint64_t monotonicMs() { return systemClock().monotonicMs(); }
+inline uint64_t monotonicUs() { return systemClock().monotonicUs(); }
 
 class CTime {
  public:
@@ -35,8 +26,8 @@ class CTime {
   // From calendar fields, normalised as makeTime does.
   CTime(int year, int month, int day, int hour, int minute, int second);
 
-  // The current wall-clock time.
-  static CTime now();
+  // The clock's current wall time.
+  static CTime now(const IClock& clock = systemClock());
 
   // Seconds since the epoch of the given UTC calendar fields. Out-of-range
   // fields are normalised as the calendar does: hour 24 is 00:00 of the next

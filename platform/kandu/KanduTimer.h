@@ -1,10 +1,13 @@
 // Kandu timers.
 //
-// A CTimer is a named schedule: a first delay, a period (0 = one-shot), a
-// parameter and an execution time-out. Timers do not own threads: every timer of
-// the process is kept by one shared timer service, a dispatcher thread plus a
-// small pool of worker threads that grows while procedures are busy and shrinks
-// when they are idle. Thousands of idle or stopped timers cost memory only.
+// A CTimer is a named schedule on a clock: a first delay, a period (0 =
+// one-shot), a parameter and an execution time-out. Delays and periods are
+// milliseconds of the clock's monotonic face (KanduClock.h): on the system
+// clock they are real time, on a manual clock they pass when a test moves it.
+// Timers do not own threads: every timer of a clock is kept by that clock's
+// timer service, a dispatcher thread plus a small pool of worker threads that
+// grows while procedures are busy and shrinks when they are idle. Thousands of
+// idle or stopped timers cost memory only.
 //
 // Guarantees:
 //   * One timer's procedure never runs concurrently with itself.
@@ -15,8 +18,8 @@
 //   * stop() cancels future runs and, with wait, blocks until a running
 //     procedure has returned. Called from inside the procedure it does not wait
 //     (it cannot deadlock) and the timer ends when the procedure returns.
-//   * A procedure that runs longer than its execution time-out is reported with
-//     a warning naming the timer; it is not interrupted.
+//   * A procedure that runs longer than its execution time-out (real time) is
+//     reported with a warning naming the timer; it is not interrupted.
 //   * isRunning() is true from start() until a one-shot run has returned or the
 //     timer has been stopped.
 //   * Destroying a CTimer stops it and waits, except on the timer's own thread:
@@ -33,6 +36,7 @@
 #include <memory>
 #include <string>
 
+#include "KanduClock.h"
 #include "ZarnMediaClient.h"  // TFunction1
 
 namespace Velto::Kandu {
@@ -46,7 +50,8 @@ struct TimerState;
 
 class CTimer {
  public:
-  explicit CTimer(std::string name);
+  // The timer keeps `clock` (which must outlive it).
+  explicit CTimer(std::string name, IClock& clock = systemClock());
   ~CTimer();
   CTimer(const CTimer&) = delete;
   CTimer& operator=(const CTimer&) = delete;
@@ -71,7 +76,7 @@ class CTimer {
   std::shared_ptr<detail::TimerState> m_state;
 };
 
-// Number of worker threads the timer service has now (for tests and diagnostics).
-uint32_t timerServiceWorkerCount();
+// Number of worker threads the clock's timer service has now (for tests and diagnostics).
+uint32_t timerServiceWorkerCount(IClock& clock = systemClock());
 
 }  // namespace Velto::Kandu

@@ -1,18 +1,22 @@
-// Threads and the shared timer service: run counts, self-stop and self-restart,
-// waiting stops and destruction, execution time-out warnings, pool size.
+// Threads, clocks and timer services: schedules on a manual clock (run counts,
+// self-stop, self-restart), waiting stops and destruction, execution time-out
+// warnings, pool size.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "KanduThread.h"
+#include "KanduTime.h"
 #include "KanduTimer.h"
 #include "TestSupport.h"
 
+using Velto::Kandu::CManualClock;
 using Velto::Kandu::CThread;
 using Velto::Kandu::CThreadLite;
 using Velto::Kandu::CTimer;
@@ -33,24 +37,57 @@ struct OverlapProbe {
   void leave() { --inside; }
 };
 
-// ---------------------------------------------------------------- one-shot
+// ---------------------------------------------------------------- schedules
+// On a manual clock: when a timer runs, how often, and that nothing runs after
+// it ends, follow from the clock alone.
 
-TEST(TimerTest, OneShotRunsExactlyOnceAndIsRunningTurnsFalse) {
-  std::atomic<int> runs{0};
+constexpr int64_t kEpochMs = 1462060800000;  // 2016-05-01 00:00:00 UTC
+constexpr uint32_t kHourMs = 3600000;
+
+TEST(TimerTest, TimersFallDueAsAManualClockPassesThem) {
+  CManualClock clock(kEpochMs);
+  std::mutex mutex;
+  std::vector<std::pair<std::string, int64_t>> runs;  // timer name, wall seconds seen
   std::atomic<CTimer*> seen{nullptr};
   std::atomic<uintptr_t> seenParam{0};
-  CTimer timer("one shot");
-  ASSERT_TRUE(timer.start([&](CTimer* t) { seen = t; seenParam = t->param(); ++runs; }, 30, 0, 42));
-  EXPECT_TRUE(timer.isRunning());
-  ASSERT_TRUE(waitFor([&] { return runs.load() == 1 && !timer.isRunning(); }));
-  EXPECT_EQ(seen.load(), &timer);
-  EXPECT_EQ(seenParam.load(), 42u);
-  sleepMs(150);
-  EXPECT_EQ(runs.load(), 1);
-  EXPECT_FALSE(timer.isRunning());
-}
+  auto record = [&](CTimer* t) {
+    std::lock_guard<std::mutex> lock(mutex);
+    runs.emplace_back(t->name(), clock.wallClockSeconds());
+  };
+  CTimer oneShot("one shot", clock), hourly("hourly", clock), late("late", clock);
+  ASSERT_TRUE(oneShot.start([&](CTimer* t) { seen = t; seenParam = t->param(); record(t); }, 30000, 0, 42));
+  ASSERT_TRUE(hourly.start(record, kHourMs, kHourMs));
+  ASSERT_TRUE(late.start(record, 4 * kHourMs + 1));
+  EXPECT_EQ(clock.nextDueInMs(), 30000);
 
-// ---------------------------------------------------------------- periodic
+  clock.advance(29999);
+  EXPECT_TRUE(runs.empty());
+  EXPECT_TRUE(oneShot.isRunning());
+  clock.advance(1);
+  ASSERT_EQ(runs.size(), 1u);
+  EXPECT_EQ(seen.load(), &oneShot);
+  EXPECT_EQ(seenParam.load(), 42u);
+  EXPECT_FALSE(oneShot.isRunning());
+
+  // Each run sees the clock at its own due time: three hours, three runs.
+  clock.advance(3 * kHourMs);
+  const int64_t t0 = kEpochMs / 1000;
+  const std::vector<std::pair<std::string, int64_t>> expected{
+      {"one shot", t0 + 30}, {"hourly", t0 + 3600}, {"hourly", t0 + 7200}, {"hourly", t0 + 10800}};
+  EXPECT_EQ(runs, expected);
+  hourly.stop(true);
+  EXPECT_FALSE(hourly.isRunning());
+  clock.advance(10 * kHourMs);
+  ASSERT_EQ(runs.size(), 5u);
+  EXPECT_EQ(runs.back(), (std::pair<std::string, int64_t>{"late", t0 + 4 * 3600}));
+  EXPECT_EQ(clock.nextDueInMs(), -1);
+
+  // An operator's clock change moves the wall face alone: nothing falls due.
+  clock.setWallClockMs(kEpochMs);
+  EXPECT_EQ(clock.wallClockSeconds(), t0);
+  EXPECT_EQ(Velto::Kandu::CTime::now(clock).format("yyyy-MM-dd"), "2016-05-01");
+  EXPECT_EQ(runs.size(), 5u);
+}
 
 TEST(TimerTest, PeriodicRunsUntilStoppedAndNeverOverlaps) {
   OverlapProbe probe;
@@ -61,69 +98,57 @@ TEST(TimerTest, PeriodicRunsUntilStoppedAndNeverOverlaps) {
   EXPECT_TRUE(timer.isRunning());
   timer.stop(true);
   EXPECT_FALSE(timer.isRunning());
-  int after = probe.runs.load();
-  sleepMs(100);
-  EXPECT_EQ(probe.runs.load(), after);
   EXPECT_FALSE(probe.overlapped.load());
 }
 
-TEST(TimerTest, StopFromInsideOwnProcedureDoesNotDeadlockAndEndsRuns) {
-  std::atomic<int> runs{0};
-  std::atomic<bool> stopReturned{false};
-  CTimer timer("self stop");
-  ASSERT_TRUE(timer.start(
-      [&](CTimer* t) {
-        if (++runs == 3) {
-          t->stop(true);  // waiting here would wait for ourselves
-          stopReturned = true;
-        }
-      },
-      0, 5));
-  ASSERT_TRUE(waitFor([&] { return stopReturned.load(); }));
-  EXPECT_TRUE(waitFor([&] { return !timer.isRunning(); }));
-  sleepMs(100);
-  EXPECT_EQ(runs.load(), 3);
-}
-
-TEST(TimerTest, SetPeriodFromInsideAppliesToTheNextScheduling) {
-  // A long period shortened by the first run: later runs follow at once.
-  std::atomic<int> runs{0};
-  CTimer faster("period shortened");
-  ASSERT_TRUE(faster.start([&](CTimer* t) { if (++runs == 1) t->setPeriod(5); }, 0, 600000));
-  EXPECT_TRUE(waitFor([&] { return runs.load() >= 5; }));
-  EXPECT_EQ(faster.period(), 5u);
-}
-
-// ---------------------------------------------------------------- restart
-
-TEST(TimerTest, ProcedureRestartingItsOwnTimerNeverOverlapsItself) {
+TEST(TimerTest, AProcedureStopsRestartsOrReschedulesItsOwnTimer) {
+  CManualClock clock(kEpochMs);
+  // Stopping from inside neither deadlocks nor lets another run through.
+  std::atomic<int> stopped{0};
+  CTimer selfStop("self stop", clock);
+  ASSERT_TRUE(selfStop.start([&](CTimer* t) { if (++stopped == 3) t->stop(true); }, 0, 5));
+  // A long period shortened by the first run: later runs follow at the new one.
+  std::atomic<int> faster{0};
+  CTimer shortened("period shortened", clock);
+  ASSERT_TRUE(shortened.start([&](CTimer* t) { if (++faster == 1) t->setPeriod(5); }, 0, 600000));
+  // Restarted from inside while its run still executes: the next run waits.
   OverlapProbe probe;
-  CTimer timer("self restart");
-  Velto::Kandu::TimerProcedure procedure;
-  procedure = [&](CTimer* t) {
+  CTimer restarted("self restart", clock);
+  Velto::Kandu::TimerProcedure procedure = [&](CTimer* t) {
     probe.enter();
-    if (probe.runs.load() < 4) t->start(procedure, 0);  // due at once, while this run still executes
+    if (probe.runs.load() < 4) t->start(procedure, 0);
     sleepMs(20);
     probe.leave();
   };
-  ASSERT_TRUE(timer.start(procedure, 0));
-  ASSERT_TRUE(waitFor([&] { return probe.runs.load() == 4 && !timer.isRunning(); }));
-  sleepMs(100);
+  ASSERT_TRUE(restarted.start(procedure, 0));
+
+  clock.advance(20);
+  EXPECT_EQ(stopped.load(), 3);
+  EXPECT_FALSE(selfStop.isRunning());
+  EXPECT_EQ(faster.load(), 5);  // at 0, 5, 10, 15, 20
+  EXPECT_EQ(shortened.period(), 5u);
   EXPECT_EQ(probe.runs.load(), 4);
+  EXPECT_FALSE(restarted.isRunning());
   EXPECT_FALSE(probe.overlapped.load());
+  clock.advance(1000);
+  EXPECT_EQ(stopped.load(), 3);
+  EXPECT_EQ(probe.runs.load(), 4);
 }
 
 TEST(TimerTest, StartOnAPendingTimerReplacesItsScheduleAndStopCancels) {
+  CManualClock clock(kEpochMs);
   std::atomic<int> oldRuns{0}, newRuns{0};
-  CTimer timer("restarted");
+  CTimer timer("restarted", clock);
   ASSERT_TRUE(timer.start([&](CTimer*) { ++oldRuns; }, 300, 300));
   ASSERT_TRUE(timer.start([&](CTimer*) { ++newRuns; }, 0, 0, 7));
-  ASSERT_TRUE(waitFor([&] { return newRuns.load() == 1 && !timer.isRunning(); }));
+  clock.advance(0);
+  EXPECT_EQ(newRuns.load(), 1);
+  EXPECT_FALSE(timer.isRunning());
   EXPECT_EQ(timer.param(), 7u);
   ASSERT_TRUE(timer.start([&](CTimer*) { ++newRuns; }, 200));
   timer.stop();
   EXPECT_FALSE(timer.isRunning());
-  sleepMs(600);
+  clock.advance(600);
   EXPECT_EQ(oldRuns.load(), 0);
   EXPECT_EQ(newRuns.load(), 1);
 }
@@ -179,8 +204,9 @@ TEST(TimerTest, ProcedureMayReleaseTheObjectOwningItsTimer) {
 }
 
 TEST(TimerTest, ConcurrentStartAndStopFromManyThreads) {
+  CManualClock clock(kEpochMs);
   std::atomic<int> runs{0};
-  CTimer timer("contended");
+  CTimer timer("contended", clock);
   std::vector<std::unique_ptr<CThreadLite>> threads;
   for (int i = 0; i < 4; ++i) {
     threads.push_back(std::make_unique<CThreadLite>("contender", [&, i](CThreadLite& self) {
@@ -193,12 +219,12 @@ TEST(TimerTest, ConcurrentStartAndStopFromManyThreads) {
     }));
     ASSERT_TRUE(threads.back()->create());
   }
-  sleepMs(300);
+  for (int step = 0; step < 300; ++step) clock.advance(1);
   threads.clear();
   timer.stop(true);
   EXPECT_FALSE(timer.isRunning());
-  int after = runs.load();
-  sleepMs(50);
+  const int after = runs.load();
+  clock.advance(1000);
   EXPECT_EQ(runs.load(), after);
 }
 
@@ -238,16 +264,19 @@ TEST(TimerServiceTest, ThousandsOfIdleTimersCostNoThreads) {
   timers.clear();
   EXPECT_EQ(runs.load(), 0);
 
-  // The same number falling due together, with trivial procedures: all run once.
+  // The same number falling due together, with trivial procedures: each runs
+  // exactly once (the advance returns once every run has returned).
+  CManualClock clock(kEpochMs);
   for (int i = 0; i < 2000; ++i) {
-    timers.push_back(std::make_unique<CTimer>("burst " + std::to_string(i)));
+    timers.push_back(std::make_unique<CTimer>("burst " + std::to_string(i), clock));
     ASSERT_TRUE(timers.back()->start([&](CTimer*) { ++runs; }, 20));
   }
-  ASSERT_TRUE(waitFor([&] { return runs.load() == 2000; }, 15000));
-  auto allEnded = [&] { return std::none_of(timers.begin(), timers.end(), [](auto& t) { return t->isRunning(); }); };
-  EXPECT_TRUE(waitFor(allEnded));
-  sleepMs(50);
+  clock.advance(20);
   EXPECT_EQ(runs.load(), 2000);
+  EXPECT_TRUE(std::none_of(timers.begin(), timers.end(), [](auto& t) { return t->isRunning(); }));
+  clock.advance(60000);
+  EXPECT_EQ(runs.load(), 2000);
+  timers.clear();
 }
 
 TEST(TimerServiceTest, PoolGrowsWhileProceduresBlock) {

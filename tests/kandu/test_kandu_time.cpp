@@ -114,19 +114,27 @@ TEST(CTimeTest, ConversionIgnoresTheMachineTimeZone) {
   EXPECT_EQ(text, "12");
 }
 
-// The wall clock follows a test's source; the monotonic clock never does.
-TEST(ClockTest, WallClockCanBeReplacedAndRestoredMonotonicCannot) {
-  const int64_t fake = CTime::makeTime(2016, 5, 1, 0, 0, 0) * 1000 + 250;
-  Velto::Kandu::setWallClockForTest([fake] { return fake; });
-  EXPECT_EQ(Velto::Kandu::wallClockMs(), fake);
-  EXPECT_EQ(CTime::now().format("yyyy-MM-dd"), "2016-05-01");
-  uint64_t before = Velto::Kandu::monotonicMs();
+// The system clock reads the machine's clocks; a manual clock only what it is told.
+TEST(ClockTest, SystemClockFollowsTheMachineAndAManualClockStandsStill) {
+  Velto::Kandu::IClock& system = Velto::Kandu::systemClock();
+  EXPECT_LE(std::llabs(system.wallClockSeconds() - static_cast<int64_t>(std::time(nullptr))), 5);
+  uint64_t before = system.monotonicMs();
   Velto::Kandu::sleepMs(20);
-  EXPECT_GE(Velto::Kandu::monotonicMs() - before, 19u);
-  EXPECT_EQ(Velto::Kandu::wallClockSeconds(), fake / 1000);
+  EXPECT_GE(system.monotonicMs() - before, 19u);
 
-  Velto::Kandu::setWallClockForTest(nullptr);
-  EXPECT_LE(std::llabs(Velto::Kandu::wallClockSeconds() - static_cast<int64_t>(std::time(nullptr))), 5);
+  const int64_t start = CTime::makeTime(2016, 5, 1, 0, 0, 0) * 1000 - 250;  // before a second's end
+  Velto::Kandu::CManualClock manual(start);
+  const uint64_t mono = manual.monotonicUs();
+  Velto::Kandu::sleepMs(5);
+  EXPECT_EQ(manual.wallClockMs(), start);
+  EXPECT_EQ(manual.monotonicUs(), mono);
+  EXPECT_EQ(CTime::now(manual).format("yyyy-MM-dd HH:mm:ss"), "2016-04-30 23:59:59");
+  manual.advance(250);
+  EXPECT_EQ(manual.wallClockSeconds(), start / 1000 + 1);
+  EXPECT_EQ(manual.monotonicUs() - mono, 250000u);
+  // Before the epoch, seconds round down, not toward zero.
+  Velto::Kandu::CManualClock early(-1500);
+  EXPECT_EQ(early.wallClockSeconds(), -2);
 }
 
 }  // namespace

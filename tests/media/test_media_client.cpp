@@ -1,17 +1,18 @@
 // The client facade without a configuration file: store start-up, state
-// debouncing, timers, setters and the answers of operations not built yet.
+// debouncing, timers (on a manual clock), setters and the answers of
+// operations not built yet.
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <cstdio>
 #include <mutex>
 #include <vector>
 
 #include "FaultInjectingBackend.h"
-#include "KanduThread.h"
+#include "KanduTime.h"
 #include "LocalStoreBackend.h"
+#include "LockSizeLedger.h"
 #include "MediaClientInternal.h"
-#include "MediaContext.h"
-#include "RecordLock.h"
+#include "MediaValues.h"
 #include "TestSupport.h"
 #include "ZarnClient.h"
 
@@ -19,8 +20,13 @@ using namespace Velto::Zarn;
 using ZarnTest::LogCapture;
 using ZarnTest::TempDir;
 using ZarnTest::waitFor;
+using Velto::Kandu::CManualClock;
 
 namespace {
+
+// 2026-03-10 10:00:00 UTC.
+const int64_t kStartMs = Velto::Kandu::CTime::makeTime(2026, 3, 10, 10, 0, 0) * 1000;
+constexpr uint32_t kDebounceMs = CMediaClientInternal::kAntiShakeDelayMs;
 
 struct StateRecorder {
   std::mutex mutex;
@@ -39,16 +45,7 @@ struct StateRecorder {
 
 class MediaClientTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    MediaClientTimings t;
-    t.antiShakeDelay = 150;
-    t.fixIndexDelay = 50;
-    t.fixIndexPeriod = 3600000;
-    t.exceptionDelay = 3600000;
-    CMediaClientInternal::setTimingsForTest(t);
-    CMediaContext::values().sdkState.store(0);
-  }
-  void TearDown() override { CMediaClientInternal::setTimingsForTest(MediaClientTimings()); }
+  void SetUp() override { CMediaValues::instance().sdkState.store(0); }
 
   Config config(const std::string& address) {
     m_address = address;
@@ -57,6 +54,7 @@ class MediaClientTest : public ::testing::Test {
 
   TempDir m_dir;
   std::string m_address;
+  CManualClock m_clock{kStartMs};
 };
 
 TEST_F(MediaClientTest, FailedStoreInitialisationLeavesAFreshHandleForARetry) {
@@ -64,11 +62,11 @@ TEST_F(MediaClientTest, FailedStoreInitialisationLeavesAFreshHandleForARetry) {
   LogCapture log;
   EXPECT_EQ(client.initialize(config("ceph://mon1"), nullptr), -1);
   EXPECT_TRUE(log.contains("Zarn init error"));
-  EXPECT_EQ(CMediaContext::values().sdkState.load(), 0u);
+  EXPECT_EQ(CMediaValues::instance().sdkState.load(), 0u);
   EXPECT_EQ(client.initialize(Config{nullptr, 0, "root", ""}, nullptr), -1);
 
   EXPECT_EQ(client.initialize(config(m_dir.sub("store")), nullptr), 0);
-  EXPECT_EQ(CMediaContext::values().sdkState.load(), 1u);
+  EXPECT_EQ(CMediaValues::instance().sdkState.load(), 1u);
   EXPECT_TRUE(log.contains("MediaClient initialize success."));
   // The system-file check made the ledger: nothing locked yet.
   EXPECT_EQ(client.getLockRatio(), 0);
@@ -91,59 +89,58 @@ TEST_F(MediaClientTest, SystemFileCheckFailureReportsStateTwo) {
   CMediaClientInternal client;
   LogCapture log;
   EXPECT_EQ(client.initialize(c, nullptr), -1);
-  EXPECT_EQ(CMediaContext::values().sdkState.load(), 2u);
+  EXPECT_EQ(CMediaValues::instance().sdkState.load(), 2u);
   EXPECT_TRUE(log.contains("media_system Locked by other SS."));
   EXPECT_TRUE(log.contains("MediaClient check system file error."));
 
   // Once the creator is gone its guard is a leftover and the next start succeeds.
   guard->close();
   EXPECT_EQ(client.initialize(c, nullptr), 0);
-  EXPECT_EQ(CMediaContext::values().sdkState.load(), 1u);
+  EXPECT_EQ(CMediaValues::instance().sdkState.load(), 1u);
   uint64_t locked = 1;
   EXPECT_TRUE(getLockSize(other, locked));
   EXPECT_EQ(locked, 0u);
 }
 
 TEST_F(MediaClientTest, StateChangesAreDebouncedBeforeTheHostHearsOfThem) {
-  CMediaClientInternal client;
+  CMediaClientInternal client(m_clock);
   StateRecorder host;
   ASSERT_EQ(client.initialize(config(m_dir.sub("store")), host.callback()), 0);
   CZarnFileSystem* fs = client.storeForTest();
 
   client.onZarnStateChanged(fs, ZARN_STATE_FAILED);
-  ASSERT_TRUE(waitFor([&] { return host.seen().size() == 1; }));
-  EXPECT_EQ(host.seen()[0], ZARN_STATE_FAILED);
+  m_clock.advance(kDebounceMs - 1);
+  EXPECT_TRUE(host.seen().empty());
+  m_clock.advance(1);
+  ASSERT_EQ(host.seen(), std::vector<ZarnState>{ZARN_STATE_FAILED});
   EXPECT_TRUE(client.exceptionTimerRunningForTest());
 
   client.onZarnStateChanged(fs, ZARN_STATE_NORMAL);
-  ASSERT_TRUE(waitFor([&] { return host.seen().size() == 2; }));
+  m_clock.advance(kDebounceMs);
+  ASSERT_EQ(host.seen().size(), 2u);
   EXPECT_EQ(host.seen()[1], ZARN_STATE_NORMAL);
   EXPECT_FALSE(client.exceptionTimerRunningForTest());
 
-  // 1 -> 2 -> 1 within the delay: one timer run that sees where it began.
-  // The host hears of a change from inside the timer's run: a change made
-  // before that run has returned finds the timer pending and starts none.
-  ASSERT_TRUE(waitFor([&] { return !client.antiShakeTimerRunningForTest(); }));
-  LogCapture log;
+  // 1 -> 2 -> 1 within the delay: one timer run, which sees where it began.
   client.onZarnStateChanged(fs, ZARN_STATE_FAILED);
+  m_clock.advance(kDebounceMs / 2);
   client.onZarnStateChanged(fs, ZARN_STATE_NORMAL);
-  ASSERT_TRUE(waitFor([&] { return log.contains("onZarnStateChanged: timer start"); }));
-  Velto::Kandu::sleepMs(600);
+  EXPECT_EQ(m_clock.nextDueInMs(), kDebounceMs / 2);  // not restarted by the second change
+  m_clock.advance(kDebounceMs);
   EXPECT_EQ(host.seen().size(), 2u);
-  EXPECT_EQ(log.count("onZarnStateChanged: timer start"), 1u);
   EXPECT_EQ(client.lastReportedStateForTest(), 1u);
+  EXPECT_FALSE(client.antiShakeTimerRunningForTest());
 
   // A repeat of the current state is not a change.
   client.onZarnStateChanged(fs, ZARN_STATE_NORMAL);
-  EXPECT_EQ(log.count("zarnStateChanged: 1 -> 1"), 0u);
+  EXPECT_FALSE(client.antiShakeTimerRunningForTest());
 }
 
 TEST_F(MediaClientTest, StateChangesBeforeInitializeAreNeitherRecordedNorReported) {
-  CMediaClientInternal client;
-  LogCapture log;
+  CMediaClientInternal client(m_clock);
   client.onZarnStateChanged(client.storeForTest(), ZARN_STATE_FAILED);
-  EXPECT_EQ(CMediaContext::values().sdkState.load(), 0u);
-  EXPECT_FALSE(log.contains("timer start"));
+  EXPECT_EQ(CMediaValues::instance().sdkState.load(), 0u);
+  EXPECT_FALSE(client.antiShakeTimerRunningForTest());
 }
 
 TEST_F(MediaClientTest, StoreMonitorReachesTheHostThroughTheListener) {
@@ -154,30 +151,36 @@ TEST_F(MediaClientTest, StoreMonitorReachesTheHostThroughTheListener) {
     out = backend;
     return 0;
   });
-  CMediaClientInternal client;
+  CMediaClientInternal client(m_clock);
   int32_t period = 20;
   ASSERT_TRUE(client.storeForTest()->setOption(ZARN_OPT_HEALTH_PERIOD_MS, &period, sizeof(period)));
   StateRecorder host;
   ASSERT_EQ(client.initialize(config("faulty://store"), host.callback()), 0);
   ASSERT_TRUE(backend);
 
-  backend->setHealthy(false);
-  ASSERT_TRUE(waitFor([&] { return !host.seen().empty(); }));
-  EXPECT_EQ(host.seen()[0], ZARN_STATE_FAILED);
-  backend->setHealthy(true);
-  ASSERT_TRUE(waitFor([&] { return host.seen().size() == 2; }));
-  EXPECT_EQ(host.seen()[1], ZARN_STATE_NORMAL);
+  // The monitor runs on real time; the debounce on the client's clock.
+  for (bool healthy : {false, true}) {
+    backend->setHealthy(healthy);
+    ASSERT_TRUE(waitFor([&] { return client.antiShakeTimerRunningForTest(); }));
+    m_clock.advance(kDebounceMs);
+  }
+  EXPECT_EQ(host.seen(), (std::vector<ZarnState>{ZARN_STATE_FAILED, ZARN_STATE_NORMAL}));
   registerStoreBackend("faulty", nullptr);
 }
 
-TEST_F(MediaClientTest, IndexFixTimerRunsAfterInitialize) {
-  LogCapture log;
-  CMediaClientInternal client;
+TEST_F(MediaClientTest, IndexFixTimerRunsTwentyMinutesAfterInitializeThenHourly) {
+  LogCapture log(Velto::Kandu::LOG_INFO);
+  CMediaClientInternal client(m_clock);
   EXPECT_FALSE(client.fixIndexTimerRunningForTest());
   ASSERT_EQ(client.initialize(config(m_dir.sub("store")), nullptr), 0);
   EXPECT_TRUE(client.fixIndexTimerRunningForTest());
-  EXPECT_TRUE(waitFor([&] { return log.contains("check 0 files"); }));
+  m_clock.advance(CMediaClientInternal::kFixIndexDelayMs - 1);
+  EXPECT_EQ(log.count("check 0 files"), 0u);
+  m_clock.advance(1);
+  EXPECT_EQ(log.count("check 0 files"), 1u);
   EXPECT_TRUE(log.contains("stream totalNum = 0"));
+  m_clock.advance(2 * CMediaClientInternal::kFixIndexPeriodMs);
+  EXPECT_EQ(log.count("check 0 files"), 3u);
 }
 
 TEST_F(MediaClientTest, SettersValidateWhatTheyMust) {
@@ -193,7 +196,7 @@ TEST_F(MediaClientTest, SettersValidateWhatTheyMust) {
   client.setMaxLockRatio(0);
   EXPECT_EQ(client.maxLockRatioForTest(), 0);
 
-  CMediaValues& v = CMediaContext::values();
+  CMediaValues& v = CMediaValues::instance();
   client.setDefaultECType(6, 2);
   EXPECT_EQ(v.ecDataNum.load(), 6);
   EXPECT_EQ(v.ecParityNum.load(), 2);
@@ -246,19 +249,17 @@ TEST_F(MediaClientTest, WatchdogEndsAProcessWhoseStoreStaysFailedWithNothingReco
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {
-        MediaClientTimings t;
-        t.antiShakeDelay = 10;
-        t.exceptionDelay = 10;
-        t.exceptionPeriod = 10;
-        CMediaClientInternal::setTimingsForTest(t);
-        CMediaClientInternal client;
+        CMediaClientInternal client(m_clock);
         Velto::Kandu::setLogLevel(Velto::Kandu::LOG_INFO);
         if (client.initialize(config(m_dir.sub("store")), nullptr) != 0) std::_Exit(3);
         client.onZarnStateChanged(client.storeForTest(), ZARN_STATE_FAILED);
-        Velto::Kandu::sleepMs(5000);
+        // The debounce, then an hour of a failed store with nothing recording.
+        m_clock.advance(kDebounceMs + CMediaClientInternal::kExceptionDelayMs - 1);
+        std::fprintf(stderr, "still alive\n");
+        m_clock.advance(1);
         std::_Exit(4);
       },
-      "stream writer count is 0, exit.");
+      "still alive.*stream writer count is 0, exit.");
 }
 
 }  // namespace

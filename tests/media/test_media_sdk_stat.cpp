@@ -4,7 +4,6 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -40,12 +39,13 @@ const char* const kQuietMinute = R"({ "name": "media-sdk", "ip": "", "stream.cou
 
 class MediaSdkStatTest : public ::testing::Test {
  protected:
-  // Starts the timer and waits for its first tick (due after 1 s) to have
-  // written the file; the next timer tick is a minute away, so the test owns
-  // the counters from here on and drives ticks with tickNow.
+  // Starts the timer and moves the clock to its first tick (due after 1 s),
+  // which writes the file; the next timer tick is a minute away, so the test
+  // owns the counters from here on and drives ticks with tickNow.
   void startAndAwaitFirstTick() {
     m_stat.startTimer(m_path, 60);
-    ASSERT_TRUE(ZarnTest::waitFor([&] { return fs::exists(m_path); }, 15000));
+    m_clock.advance(CMediaSdkStat::kFirstTickDelayMs);
+    ASSERT_TRUE(fs::exists(m_path));
   }
 
   Json::Value tickAndRead() {
@@ -55,7 +55,8 @@ class MediaSdkStatTest : public ::testing::Test {
 
   ZarnTest::TempDir m_dir;
   std::string m_path = m_dir.sub("mediasdk.stat");
-  CMediaSdkStat m_stat;
+  Velto::Kandu::CManualClock m_clock{Velto::Kandu::CTime::makeTime(2026, 3, 10, 10, 0, 0) * 1000};
+  CMediaSdkStat m_stat{m_clock};
 };
 
 TEST_F(MediaSdkStatTest, UnstartedStatisticsOnlyCount) {
@@ -91,14 +92,10 @@ TEST_F(MediaSdkStatTest, DocumentHoldsTheMinutesCountsAndTheNextMinuteStartsFrom
   m_stat.addLoopOverwriteDeleteBytes(5ull << 30);  // beyond 32 bits
   m_stat.addLoopOverwriteDeleteBytes(3ull << 20);
 
-  int64_t before = Velto::Kandu::CTime::now().getTime();
   Json::Value doc = tickAndRead();
-  int64_t after = Velto::Kandu::CTime::now().getTime();
   ASSERT_TRUE(doc["ctime"].isString());
-  int64_t ctime = std::stoll(doc["ctime"].asString());
+  EXPECT_EQ(doc["ctime"].asString(), std::to_string(m_clock.wallClockSeconds()));  // the clock's seconds
   doc.removeMember("ctime");
-  EXPECT_GE(ctime, before);
-  EXPECT_LE(ctime, after);
   EXPECT_EQ(doc.toStyledString(), parse(R"({ "name": "media-sdk", "ip": "", "stream.count": 0,
     "file.split.count": 2, "write.success.count": 3, "write.failed.count": 1, "stream.avg": 10,
     "index.rebuild.success.count": 1, "index.rebuild.failed.count": 2, "loop.overwrite.success.count": 40,
@@ -154,7 +151,8 @@ TEST_F(MediaSdkStatTest, MissingDirectoryLogsTheOpenFailureAndWritesNothing) {
   m_stat.addFileSplitCount();
   m_stat.startTimer(path, 60);
   const std::string failure = ", failed to open status file(" + path + ".tmp).";
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return log.count(failure) == 1; }, 15000));
+  m_clock.advance(CMediaSdkStat::kFirstTickDelayMs);
+  ASSERT_EQ(log.count(failure), 1u);
   m_stat.tickNow();
   EXPECT_EQ(log.count(failure), 2u);
   EXPECT_EQ(log.count("#0,CMediaSdkStat::dumpToStatFile "), 2u);
@@ -168,7 +166,8 @@ TEST_F(MediaSdkStatTest, RenameFailureIsRetriedThenLogged) {
   m_stat.setRenameRetryDelay(1);
   m_stat.addWriteFailedCount();
   m_stat.startTimer(m_path, 60);
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return log.count(", Rename stat file failed") == 1; }, 15000));
+  m_clock.advance(CMediaSdkStat::kFirstTickDelayMs);
+  ASSERT_EQ(log.count(", Rename stat file failed"), 1u);
   // The document itself was written completely beside the status path.
   Json::Value doc = readStatFile(m_path + ".tmp");
   EXPECT_EQ(doc.size(), 13u);
@@ -183,11 +182,10 @@ TEST_F(MediaSdkStatTest, RenameFailureIsRetriedThenLogged) {
 
 TEST_F(MediaSdkStatTest, DestroyingStopsAPendingTick) {
   {
-    CMediaSdkStat stat;
+    CMediaSdkStat stat(m_clock);
     stat.startTimer(m_path, 60);
   }
-  // The first tick would have been due 1 s after the start.
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  m_clock.advance(CMediaSdkStat::kFirstTickDelayMs + CMediaSdkStat::kTickPeriodMs);
   EXPECT_FALSE(fs::exists(m_path));
   EXPECT_FALSE(fs::exists(m_path + ".tmp"));
 }

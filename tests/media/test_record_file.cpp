@@ -11,6 +11,7 @@
 #include "KanduCrc.h"
 #include "KanduTime.h"
 #include "LocalStoreBackend.h"
+#include "BlockTransfer.h"
 #include "RecordFile.h"
 #include "RecordFileName.h"
 #include "TestSupport.h"
@@ -404,6 +405,18 @@ TEST_F(RecordFileTest, BufferedReadsSeeksAndTellAgreeWithTheBytes) {
   }
   EXPECT_EQ(tail, more);
   ASSERT_TRUE(file.close());
+
+  // Nobody writes it now: the end (past its index and info) is told by the
+  // result; a read that fails afterwards is a failure, whatever the thread's
+  // last error said before.
+  std::vector<uint8_t> rest(CRecordFile::kReadBufferSize);
+  int64_t n = 0;
+  while ((n = reader.read(rest.data(), static_cast<uint32_t>(rest.size()))) > 0) {
+  }
+  EXPECT_EQ(n, CRecordFile::kEndOfFile);
+  reader.close();
+  EXPECT_EQ(reader.read(rest.data(), 10), -1);
+  EXPECT_NE(getLastError(), ZARN_E_EOF);
 }
 
 // Small reads take a whole buffer from the store; once it is used up, a read

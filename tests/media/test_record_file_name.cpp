@@ -7,6 +7,7 @@
 
 #include "KanduTime.h"
 #include "MediaContext.h"
+#include "MediaValues.h"
 #include "RecordFileName.h"
 #include "TestSupport.h"
 
@@ -39,11 +40,11 @@ std::string fields(const RecordFileName& r) {
 
 class StoreUser {  // sets the process-wide store user (the bucket prefix)
  public:
-  explicit StoreUser(const std::string& user) { CMediaContext::values().setStoreUserName(user); }
-  ~StoreUser() { CMediaContext::values().setStoreUserName(m_saved); }
+  explicit StoreUser(const std::string& user) { CMediaValues::instance().setStoreUserName(user); }
+  ~StoreUser() { CMediaValues::instance().setStoreUserName(m_saved); }
 
  private:
-  std::string m_saved = CMediaContext::values().storeUserName();
+  std::string m_saved = CMediaValues::instance().storeUserName();
 };
 
 }  // namespace
@@ -261,25 +262,4 @@ TEST_F(RecordStoreOps, RenameNeverReplaces) {
   EXPECT_FALSE(recordFileRename(m_fs, openName, record(0, kEndNextDay, 1, 1, 1)));
   EXPECT_TRUE(exists(openName));
   EXPECT_TRUE(exists(lockedName));
-}
-
-TEST_F(RecordStoreOps, RemoveRecordAndIndex) {
-  RecordFileName rec = record(kBegin, kEndNextDay, 1, 2, 3), index = rec;
-  index.isIndex = 1;
-  const std::string recName = "media_7/2016/05/01/235930_001205_1_2_3.qrv";
-  const std::string indexName = "media_7/2016/05/01/235930_001205_1_0_0.index";
-  create(recName);
-  create(indexName);
-  ASSERT_TRUE(removeRecordFile(m_fs, index));
-  EXPECT_FALSE(exists(indexName));
-  EXPECT_TRUE(exists(recName));
-  EXPECT_TRUE(m_log.contains("remove : " + indexName));
-  ASSERT_TRUE(removeRecordFile(m_fs, rec));  // locked: also reaches the ledger hook
-  EXPECT_FALSE(exists(recName));
-  EXPECT_FALSE(removeRecordFile(m_fs, rec));
-  EXPECT_TRUE(m_log.contains("remove file failed [" + recName + "]"));
-  rec.endTime = 0;  // open and locked: cannot be named
-  EXPECT_FALSE(removeRecordFile(m_fs, rec));
-  EXPECT_TRUE(m_log.contains("#0,GENERAL::removeRecordFile"));
-  EXPECT_TRUE(m_log.contains("generateRecordFileName failed"));
 }

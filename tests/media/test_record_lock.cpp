@@ -1,11 +1,13 @@
-// The lock-size ledger and the system-file check, on a local store.
+// The lock-size ledger, the system-file check and removing record files, on a
+// local store.
 #include <gtest/gtest.h>
 
 #include <thread>
 #include <vector>
 
+#include "LockSizeLedger.h"
 #include "RecordFileName.h"
-#include "RecordLock.h"
+#include "RecordRemoval.h"
 #include "TestSupport.h"
 #include "ZarnClient.h"
 
@@ -91,7 +93,7 @@ TEST_F(LedgerTest, UpdatesWithoutALedgerFail) {
   EXPECT_EQ(minusLockSize(m_fs, 5), -1);
 }
 
-TEST_F(LedgerTest, RemovingALockedRecordFileTakesItsSizeOffTheLedger) {
+TEST_F(LedgerTest, RemovingARecordFileTakesALockedFilesSizeOffTheLedgerOnce) {
   ASSERT_TRUE(checkSysFile(m_fs));
   ASSERT_TRUE(m_fs.createBucket("media_3"));
   RecordFileName locked;
@@ -100,21 +102,38 @@ TEST_F(LedgerTest, RemovingALockedRecordFileTakesItsSizeOffTheLedger) {
   locked.endTime = 1700000600;
   locked.type = 1;
   locked.lockCount = 2;
-  locked.indexState = 1;
+  locked.indexState = 3;
   locked.size = 5ull << 20;
+  RecordFileName index = locked;
+  index.isIndex = 1;
+  RecordFileName unlocked = locked;
+  unlocked.beginTime += 600;
+  unlocked.endTime += 600;
+  unlocked.lockCount = 0;
   std::string name;
-  ASSERT_TRUE(generateRecordFileName(locked, name));
-  ASSERT_TRUE(m_fs.createFile(name, 1, 1)->close());
+  for (const RecordFileName* r : {&locked, &index, &unlocked}) {
+    ASSERT_TRUE(generateRecordFileName(*r, name));
+    ASSERT_TRUE(m_fs.createFile(name, 1, 1)->close());
+  }
   ASSERT_EQ(plusLockSize(m_fs, 8), 0);
+  ZarnTest::LogCapture log;
+
+  ASSERT_TRUE(removeRecordFile(m_fs, index));  // index files never count
+  EXPECT_EQ(total(), 8u);
   ASSERT_TRUE(removeRecordFile(m_fs, locked));
   EXPECT_EQ(total(), 3u);
-
-  RecordFileName unlocked = locked;
-  unlocked.lockCount = 0;
-  ASSERT_TRUE(generateRecordFileName(unlocked, name));
-  ASSERT_TRUE(m_fs.createFile(name, 1, 1)->close());
-  ASSERT_TRUE(removeRecordFile(m_fs, unlocked));
-  EXPECT_EQ(total(), 3u);  // an unlocked file never counted
+  ASSERT_TRUE(generateRecordFileName(locked, name));
+  ZarnFileStat st;
+  EXPECT_FALSE(m_fs.getFileStat(name, st));
+  // Gone already: refused, and the ledger stays as it is.
+  EXPECT_FALSE(removeRecordFile(m_fs, locked));
+  EXPECT_TRUE(log.contains("remove file failed [" + name + "]"));
+  EXPECT_EQ(total(), 3u);
+  ASSERT_TRUE(removeRecordFile(m_fs, unlocked));  // an unlocked file never counted
+  EXPECT_EQ(total(), 3u);
+  locked.endTime = 0;  // open and locked: cannot be named
+  EXPECT_FALSE(removeRecordFile(m_fs, locked));
+  EXPECT_TRUE(log.contains("generateRecordFileName failed"));
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "KanduTime.h"
-#include "MediaContext.h"
 #include "RecordFileIndex.h"
 #include "RecordFileName.h"
 #include "RecordQuery.h"
@@ -46,6 +45,12 @@ std::string nameOf(const RecordFileName& n) {
   return name;
 }
 
+// Remembers what the queries hand to index repair.
+struct RecordingIndexFixSink : IIndexFixSink {
+  std::vector<RecordFileName> submitted;
+  void submitIndexFixWork(CZarnFileSystem&, const RecordFileName& record) override { submitted.push_back(record); }
+};
+
 class RecordQueryTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -54,14 +59,8 @@ class RecordQueryTest : public ::testing::Test {
     ASSERT_TRUE(m_fs.createBucket("media_7"));
     setNow(T + 10 * kDay);
   }
-  void TearDown() override {
-    Velto::Kandu::setWallClockForTest(nullptr);
-    CMediaContext::instance().writingFiles().erase(kSid);
-  }
 
-  static void setNow(uint32_t seconds) {
-    Velto::Kandu::setWallClockForTest([seconds] { return static_cast<int64_t>(seconds) * 1000; });
-  }
+  void setNow(uint32_t seconds) { m_clock.setWallClockMs(static_cast<int64_t>(seconds) * 1000); }
 
   // Creates the file with `bytes` bytes; returns it still open for writing
   // when `keepOpen`.
@@ -85,19 +84,23 @@ class RecordQueryTest : public ::testing::Test {
 
   std::vector<RecordClip> clips(uint32_t b, uint32_t e, uint32_t d, bool aligned = false, uint32_t sid = kSid) {
     std::vector<RecordClip> out;
-    EXPECT_EQ(aligned ? queryAlignedClipList(m_fs, sid, b, e, out, d) : queryRecordClipList(m_fs, sid, b, e, out, d),
+    EXPECT_EQ(aligned ? queryAlignedClipList(m_env, m_fs, sid, b, e, out, d) : queryRecordClipList(m_env, m_fs, sid, b, e, out, d),
               0);
     return out;
   }
 
   std::vector<RecordClipEx> files(uint32_t b, uint32_t e, uint32_t sid = kSid) {
     std::vector<RecordClipEx> out;
-    EXPECT_EQ(queryRecordFileList(m_fs, sid, b, e, out), 0);
+    EXPECT_EQ(queryRecordFileList(m_env, m_fs, sid, b, e, out), 0);
     return out;
   }
 
   ZarnTest::TempDir m_dir;
   CZarnFileSystem m_fs;
+  Velto::Kandu::CManualClock m_clock{0};
+  CWritingFileTable m_writing;
+  RecordingIndexFixSink m_sink;
+  QueryEnv m_env{m_clock, m_writing, &m_sink};
 };
 
 #define EXPECT_SPAN(clip, b, e) \
@@ -178,10 +181,13 @@ TEST_F(RecordQueryTest, ClipsMergeAcrossSmallGapsAndSplitOnChanges) {
   EXPECT_SPAN(c[4], T + 3000, T + 4200);
   EXPECT_EQ(c[4].type, 2);
   EXPECT_EQ(c[4].missing, 0);
+  // The file without an index is handed to index repair by the query that met it.
+  ASSERT_EQ(m_sink.submitted.size(), 1u);
+  EXPECT_EQ(m_sink.submitted[0].beginTime, T + 3600);
 
   std::vector<RecordClip> none;
-  EXPECT_EQ(queryRecordClipList(m_fs, kSid, T, T + kDay, none, 0), -1);
-  EXPECT_EQ(queryAlignedClipList(m_fs, kSid, T, T + kDay, none, 0), -1);
+  EXPECT_EQ(queryRecordClipList(m_env, m_fs, kSid, T, T + kDay, none, 0), -1);
+  EXPECT_EQ(queryAlignedClipList(m_env, m_fs, kSid, T, T + kDay, none, 0), -1);
   EXPECT_TRUE(none.empty());
 }
 
@@ -237,7 +243,7 @@ TEST_F(RecordQueryTest, EmptyOrMissingBucketIsAnEmptySuccess) {
     EXPECT_TRUE(clips(T, T + kDay, 600, true, sid).empty());
     EXPECT_TRUE(files(T, T + kDay, sid).empty());
     std::vector<bool> status;
-    EXPECT_EQ(queryRecordStatus(m_fs, sid, T, T + 3600, status, 600), 0);
+    EXPECT_EQ(queryRecordStatus(m_env, m_fs, sid, T, T + 3600, status, 600), 0);
     EXPECT_EQ(status, std::vector<bool>(6, false));
   }
   std::vector<RecordFileName> all;
@@ -248,7 +254,7 @@ TEST_F(RecordQueryTest, StatusBitmapMarksIntervalByBeginPlusOne) {
   add(closedFile(T, T + 10));
   add(closedFile(T + 1800, T + 1810));
   std::vector<bool> status;
-  ASSERT_EQ(queryRecordStatus(m_fs, kSid, T, T + 3600, status, 600), 0);
+  ASSERT_EQ(queryRecordStatus(m_env, m_fs, kSid, T, T + 3600, status, 600), 0);
   EXPECT_EQ(status, (std::vector<bool>{true, false, false, true, false, false}));
 
   // A clip beginning one second before a boundary marks the next interval;
@@ -260,9 +266,9 @@ TEST_F(RecordQueryTest, StatusBitmapMarksIntervalByBeginPlusOne) {
   late.beginTime = T + 3599;
   late.endTime = late.realEndTime = T + 3605;
   add(late);
-  ASSERT_EQ(queryRecordStatus(m_fs, 9, T, T + 3600, status, 600), 0);
+  ASSERT_EQ(queryRecordStatus(m_env, m_fs, 9, T, T + 3600, status, 600), 0);
   EXPECT_EQ(status, (std::vector<bool>{false, true, false, false, false, false}));
-  EXPECT_EQ(queryRecordStatus(m_fs, 9, T, T + 3600, status, 0), -1);
+  EXPECT_EQ(queryRecordStatus(m_env, m_fs, 9, T, T + 3600, status, 0), -1);
 }
 
 TEST_F(RecordQueryTest, LiveFileEndsAtTheWriterOrTheEstimate) {
@@ -273,7 +279,7 @@ TEST_F(RecordQueryTest, LiveFileEndsAtTheWriterOrTheEstimate) {
 
   auto index = std::make_shared<CRecordFileIndex>();
   index->updateEndTime(T + 4100);
-  CMediaContext::instance().writingFiles().set(kSid, {nameOf(live), T + 3600, index});
+  m_writing.set(kSid, {nameOf(live), T + 3600, index});
   setNow(T + 4120);
   std::vector<RecordClipEx> f = files(T, T + kDay);
   ASSERT_EQ(f.size(), 2u);
@@ -284,7 +290,7 @@ TEST_F(RecordQueryTest, LiveFileEndsAtTheWriterOrTheEstimate) {
   EXPECT_SPAN(c[0], T, T + 4100);
 
   // Without a writer: now, but never more than an hour after the begin.
-  CMediaContext::instance().writingFiles().erase(kSid);
+  m_writing.erase(kSid);
   setNow(T + 3800);
   f = files(T, T + kDay);
   ASSERT_EQ(f.size(), 2u);
@@ -344,7 +350,7 @@ TEST_F(RecordQueryTest, LastFileWithoutEndAndNotWrittenIsLeftOut) {
   ASSERT_EQ(c.size(), 1u);
   EXPECT_SPAN(c[0], T, T + 600);
   std::vector<bool> status;
-  ASSERT_EQ(queryRecordStatus(m_fs, kSid, T + 600, T + 1800, status, 600), 0);
+  ASSERT_EQ(queryRecordStatus(m_env, m_fs, kSid, T + 600, T + 1800, status, 600), 0);
   EXPECT_EQ(status, std::vector<bool>(2, false));
   EXPECT_TRUE(exists(orphan));
 }
@@ -379,19 +385,19 @@ TEST_F(RecordQueryTest, ReaderLookupsFindFilesAroundATime) {
   add(closedFile(T + 600, T + 1200));
   add(closedFile(T + 1200, T + 1800));
   RecordFileName found;
-  ASSERT_TRUE(findFirstFileEndingAfter(m_fs, kSid, T, T + kDay, T + 600, found));
+  ASSERT_TRUE(findFirstFileEndingAfter(m_env, m_fs, kSid, T, T + kDay, T + 600, found));
   EXPECT_EQ(found.beginTime, T + 600);
-  ASSERT_TRUE(findLastFileBeginningBefore(m_fs, kSid, T, T + kDay, T + 1300, found));
+  ASSERT_TRUE(findLastFileBeginningBefore(m_env, m_fs, kSid, T, T + kDay, T + 1300, found));
   EXPECT_EQ(found.beginTime, T + 600);
-  ASSERT_TRUE(findLastFileBeginningBefore(m_fs, kSid, T, T + kDay, T + 1800, found));
+  ASSERT_TRUE(findLastFileBeginningBefore(m_env, m_fs, kSid, T, T + kDay, T + 1800, found));
   EXPECT_EQ(found.beginTime, T + 1200);
 
   // No match (or no bucket): success, and the output is left alone.
   const RecordFileName sentinel = closedFile(T + 5, T + 6);
   for (uint32_t sid : {kSid, 8u}) {
     found = sentinel;
-    ASSERT_TRUE(findFirstFileEndingAfter(m_fs, sid, T, T + kDay, T + 1800, found));
-    ASSERT_TRUE(findLastFileBeginningBefore(m_fs, sid, T + 700, T + kDay, T + 1000, found));
+    ASSERT_TRUE(findFirstFileEndingAfter(m_env, m_fs, sid, T, T + kDay, T + 1800, found));
+    ASSERT_TRUE(findLastFileBeginningBefore(m_env, m_fs, sid, T + 700, T + kDay, T + 1000, found));
     EXPECT_EQ(found.beginTime, sentinel.beginTime);
   }
 }

@@ -17,6 +17,7 @@
 #include "KanduTime.h"
 #include "MediaClientInternal.h"
 #include "MediaContext.h"
+#include "MediaValues.h"
 #include "RecordFile.h"
 #include "RecordFileName.h"
 #include "StreamMgr.h"
@@ -102,9 +103,9 @@ class StreamReaderTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(m_client.initialize(Config{m_root.c_str(), 0, "root", ""}, nullptr), 0);
-    m_t0 = (CMediaContext::values().localNow() - 4 * 3600) / 60 * 60;
+    m_t0 = (CMediaValues::instance().localNow(Velto::Kandu::systemClock()) - 4 * 3600) / 60 * 60;
   }
-  void TearDown() override { CMediaContext::values().sdkState.store(0); }
+  void TearDown() override { CMediaValues::instance().sdkState.store(0); }
 
   // Records `seconds` of a stream: `fps` frames a second, a key frame every
   // `gop` frames, payloads of varying size (or of `payload(sequence)` bytes).
@@ -398,7 +399,6 @@ TEST_F(StreamReaderTest, AFileWithoutIndexRefusesReverseAndPlaysForwardByTime) {
   const int session = m_client.addSession(6, mid, m_t0 + 199, true);
   Frames got = readAll(session, false, false);
   EXPECT_TRUE(m_ended) << m_last;
-  EXPECT_TRUE(log.contains("Calc offset by time"));
   ASSERT_FALSE(got.empty());
   size_t first = 0;
   while (first < recorded.size() && recorded[first].bytes != got[0].bytes) ++first;
@@ -445,12 +445,10 @@ TEST_F(StreamReaderTest, DamagedBytesBetweenFramesAreSkipped) {
   }
   ASSERT_TRUE(file.close());
 
-  LogCapture log;
   const int session = m_client.addSession(sid, m_t0, m_t0 + 20, true);
   const Frames got = readAll(session, false, false);
   EXPECT_TRUE(m_ended) << m_last;
   expectSameFrames(got, written);
-  EXPECT_TRUE(log.contains("InValidFrameHead. skip to frame head."));
   m_client.deleteSession(session);
 }
 
@@ -523,7 +521,6 @@ TEST_F(StreamReaderTest, AFileStillBeingWrittenMakesTheReaderWaitPastItsPadding)
   recordFrames(sid, m_t0, 5, recorded);
   ASSERT_EQ(m_client.flushFrame(sid), 0);  // a padding frame up to the next stripe
 
-  LogCapture log;
   const int session = m_client.addSession(sid, m_t0, m_t0 + 3000, false);
   Frames got;
   VeltoFrame frame;
@@ -541,7 +538,6 @@ TEST_F(StreamReaderTest, AFileStillBeingWrittenMakesTheReaderWaitPastItsPadding)
     ASSERT_EQ(m_client.readFrame(session, &frame, length, false, false), -2);
     Velto::Kandu::sleepMs(4);
   }
-  EXPECT_TRUE(log.contains("Skip fake Velto Frame success."));
 
   // More frames arrive; then the stream closes and the session ends.
   const size_t before = recorded.size();
@@ -601,7 +597,7 @@ TEST_F(StreamReaderTest, FramesGoIntoTheCallersBufferWithinItsBounds) {
 TEST_F(StreamReaderTest, ReadAheadStopsAtFiftyForwardAndEightOtherwise) {
   record(11);
   std::shared_ptr<CZarnFileSystem> fs(m_client.storeForTest(), [](CZarnFileSystem*) {});
-  auto reader = std::make_shared<CStreamReader>(fs, 11, m_t0, m_t0 + 199, false);
+  auto reader = std::make_shared<CStreamReader>(fs, 11, m_t0, m_t0 + 199, false, ZarnTest::readerEnv());
   VeltoFrame frame;
   unsigned long long length = 0;
   // The worker reads ahead until the bound and then goes idle; the frame taken
@@ -630,10 +626,10 @@ TEST_F(StreamReaderTest, ReadAheadStopsAtFiftyForwardAndEightOtherwise) {
 TEST_F(StreamReaderTest, SessionsDeletedWhileTheirWorkersRunAreReleased) {
   record(12);
   std::shared_ptr<CZarnFileSystem> fs(m_client.storeForTest(), [](CZarnFileSystem*) {});
-  LogCapture log;
+  LogCapture log(Velto::Kandu::LOG_INFO);
   std::vector<std::weak_ptr<CStreamReader>> released;
   for (int i = 0; i < 20; ++i) {
-    auto reader = std::make_shared<CStreamReader>(fs, 12, m_t0, m_t0 + 199, i % 2 == 0);
+    auto reader = std::make_shared<CStreamReader>(fs, 12, m_t0, m_t0 + 199, i % 2 == 0, ZarnTest::readerEnv());
     VeltoFrame frame;
     unsigned long long length = 0;
     reader->readFrame(&frame, length, false, false);  // the worker starts
@@ -644,7 +640,6 @@ TEST_F(StreamReaderTest, SessionsDeletedWhileTheirWorkersRunAreReleased) {
     reader.reset();
   }
   for (auto& weak : released) EXPECT_TRUE(waitFor([&] { return weak.expired(); }, 10000));
-  EXPECT_EQ(log.count("Delete session timer proc"), 20u);
   EXPECT_EQ(log.count("Deleted. StreamID:12"), 20u);
 }
 

@@ -15,6 +15,7 @@
 #include "LocalStoreBackend.h"
 #include "MediaClientInternal.h"
 #include "MediaContext.h"
+#include "MediaValues.h"
 #include "RecordFile.h"
 #include "RecordFileName.h"
 #include "StreamMgr.h"
@@ -44,9 +45,9 @@ class StreamWriterTest : public ::testing::Test {
     m_fs = std::make_shared<CZarnFileSystem>();
     Config config{m_root.c_str(), 0, "root", ""};
     ASSERT_TRUE(m_fs->initializeWithBackend(config, m_backend));
-    CMediaContext::values().sdkState.store(ZARN_STATE_NORMAL);
+    CMediaValues::instance().sdkState.store(ZARN_STATE_NORMAL);
   }
-  void TearDown() override { CMediaContext::values().sdkState.store(0); }
+  void TearDown() override { CMediaValues::instance().sdkState.store(0); }
 
   int32_t write(CStreamWriter& w, uint8_t type, uint32_t seq, uint32_t time, uint32_t payload = 40,
                 uint16_t ms = 0, unsigned long long* taken = nullptr) {
@@ -204,7 +205,7 @@ std::string generateName(const RecordFileName& n) {
 }
 
 TEST_F(StreamWriterTest, FramesBeforeTheFirstKeyFrameAndAfterASequenceGapAreDropped) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 1, 3, true);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 1, 3, true, ZarnTest::writerEnv());
   EXPECT_EQ(write(*w, P, 0, T), 0);
   EXPECT_EQ(write(*w, P, 1, T), 0);
   EXPECT_TRUE(files(1).empty());  // nothing created before a key frame
@@ -228,7 +229,7 @@ TEST_F(StreamWriterTest, FramesBeforeTheFirstKeyFrameAndAfterASequenceGapAreDrop
 }
 
 TEST_F(StreamWriterTest, CutsAtTheMaximumDurationOnlyAtAKeyFrame) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 2, 1, true);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 2, 1, true, ZarnTest::writerEnv());
   uint32_t seq = 0;
   // One frame a second, a key frame every 7 s, for 1900 s.
   for (uint32_t t = 0; t <= 1900; ++t) ASSERT_EQ(write(*w, t % 7 == 0 ? I : P, seq++, T + t, 16), 0);
@@ -244,7 +245,7 @@ TEST_F(StreamWriterTest, CutsAtTheMaximumDurationOnlyAtAKeyFrame) {
 }
 
 TEST_F(StreamWriterTest, CutsAtTheMaximumLengthButNotBeforeTheMinimumCutTime) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 3, 1, true);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 3, 1, true, ZarnTest::writerEnv());
   // 60 KB key frames every second: the 200000-byte limit is passed after four
   // frames, but a file is not cut before it is 30 s old.
   for (uint32_t t = 0; t < 40; ++t) ASSERT_EQ(write(*w, I, t, T + t, 60000), 0);
@@ -259,7 +260,7 @@ TEST_F(StreamWriterTest, CutsAtTheMaximumLengthButNotBeforeTheMinimumCutTime) {
 }
 
 TEST_F(StreamWriterTest, ATimeHopOf601SecondsCutsAtTheNextKeyFrameAnd600DoesNot) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 4, 1, true);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 4, 1, true, ZarnTest::writerEnv());
   uint32_t seq = 0;
   ASSERT_EQ(write(*w, I, seq++, T, 16, 0), 0);
   ASSERT_EQ(write(*w, P, seq++, T + 40, 16, 40000), 0);
@@ -284,7 +285,7 @@ TEST_F(StreamWriterTest, ATimeHopOf601SecondsCutsAtTheNextKeyFrameAnd600DoesNot)
 }
 
 TEST_F(StreamWriterTest, AForcedCutHappensAtTheNextKeyFrame) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 5, 1, true);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 5, 1, true, ZarnTest::writerEnv());
   uint32_t seq = 0;
   ASSERT_EQ(write(*w, I, seq++, T), 0);
   ASSERT_EQ(write(*w, P, seq++, T + 1), 0);
@@ -305,15 +306,15 @@ TEST_F(StreamWriterTest, AForcedCutHappensAtTheNextKeyFrame) {
   EXPECT_EQ(f[0].endTime, T + 2);
   EXPECT_EQ(f[1].beginTime, T + 3);
 
-  CMediaContext::values().sdkState.store(ZARN_STATE_FAILED);
-  auto other = std::make_shared<CStreamWriter>(m_fs, 6, 1, true);
+  CMediaValues::instance().sdkState.store(ZARN_STATE_FAILED);
+  auto other = std::make_shared<CStreamWriter>(m_fs, 6, 1, true, ZarnTest::writerEnv());
   ASSERT_EQ(write(*other, I, 0, T), 0);
   EXPECT_FALSE(other->forceCutFile(T + 5));  // not while the store is failing
   closeAndWait(other);
 }
 
 TEST_F(StreamWriterTest, FlushPadsToTheStripeWithAPaddingFrame) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 7, 1, true);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 7, 1, true, ZarnTest::writerEnv());
   ASSERT_EQ(write(*w, I, 0, T, 100), 0);
   ASSERT_EQ(w->flushFrame(), 0);
   ASSERT_EQ(write(*w, P, 1, T + 1, 100), 0);
@@ -322,7 +323,7 @@ TEST_F(StreamWriterTest, FlushPadsToTheStripeWithAPaddingFrame) {
   ASSERT_EQ(f.size(), 1u);
   CRecordFile file(*m_fs, f[0]);
   ASSERT_TRUE(file.openForRead());
-  const uint32_t stripe = CMediaContext::values().ecStripeSize.load();
+  const uint32_t stripe = CMediaValues::instance().ecStripeSize.load();
   EXPECT_EQ(file.length(), stripe + 132u);  // one frame, padding to the stripe, one frame
   std::vector<Recorded> frames = framesIn(f[0]);
   ASSERT_EQ(frames.size(), 2u);
@@ -331,7 +332,7 @@ TEST_F(StreamWriterTest, FlushPadsToTheStripeWithAPaddingFrame) {
 TEST_F(StreamWriterTest, AnAsyncCacheHoldsAtMostAHundredFrames) {
   // The first file creation stalls, so the worker cannot drain the cache.
   m_backend->addRule(firstCreateStalls(1500));
-  auto w = std::make_shared<CStreamWriter>(m_fs, 8, 1, false);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 8, 1, false, ZarnTest::writerEnv());
   int accepted = 0;
   unsigned long long taken = 1;
   int32_t r = 0;
@@ -354,7 +355,7 @@ TEST_F(StreamWriterTest, AnAsyncWriterClosedAtOnceKeepsEveryAcknowledgedFrame) {
   // The close may run before any queue thread has taken the writer: frames
   // already taken into the cache must still be written.
   for (uint32_t sid = 100; sid < 120; ++sid) {
-    auto w = std::make_shared<CStreamWriter>(m_fs, sid, 1, false);
+    auto w = std::make_shared<CStreamWriter>(m_fs, sid, 1, false, ZarnTest::writerEnv());
     size_t acknowledged = 0;
     for (uint32_t seq = 0; seq < 30; ++seq) {
       unsigned long long taken = 0;
@@ -371,7 +372,7 @@ TEST_F(StreamWriterTest, AnAsyncWriterClosedAtOnceKeepsEveryAcknowledgedFrame) {
 TEST_F(StreamWriterTest, AnAsyncWriterRecordsTheBytesOfASyncWriterWhateverTheStoreTakesPerWrite) {
   const std::vector<ScriptFrame> script = recordingScript();
   auto record = [&](std::shared_ptr<CZarnFileSystem> fs, bool sync) {
-    auto w = std::make_shared<CStreamWriter>(fs, 20, 1, sync);
+    auto w = std::make_shared<CStreamWriter>(fs, 20, 1, sync, ZarnTest::writerEnv());
     for (const ScriptFrame& f : script) {
       std::vector<uint8_t> bytes = ZarnTest::makeFrame(f.type, f.subType, f.sequence, f.time, 3000, f.ms);
       VeltoFrame frame;
@@ -409,16 +410,16 @@ TEST_F(StreamWriterTest, AnAsyncWriterRecordsTheBytesOfASyncWriterWhateverTheSto
 }
 
 TEST_F(StreamWriterTest, AStoreThatTakesNothingDoesNotHoldAWorker) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 9, 1, false);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 9, 1, false, ZarnTest::writerEnv());
   ASSERT_EQ(write(*w, I, 0, T), 0);
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return files(9).size() == 1 && w->isIdleForTest(); }));
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return files(9).size() == 1 && w->isIdle(); }));
   FaultRule zero;
   zero.op = StoreOp::FileWrite;
   zero.zeroBytes = true;
   m_backend->addRule(zero);
   for (uint32_t seq = 1; seq < 10; ++seq) ASSERT_EQ(write(*w, P, seq, T), 0);
   // The worker gives its pass up and goes idle while the store takes nothing.
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return w->isIdleForTest() && m_backend->callCount(StoreOp::FileWrite) > 3; }));
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return w->isIdle() && m_backend->callCount(StoreOp::FileWrite) > 3; }));
   EXPECT_FALSE(w->isFileFault());
   m_backend->clearRules();
   ASSERT_EQ(write(*w, P, 10, T + 1), 0);  // the next frame resubmits the writer
@@ -429,7 +430,7 @@ TEST_F(StreamWriterTest, AStoreThatTakesNothingDoesNotHoldAWorker) {
 }
 
 TEST_F(StreamWriterTest, AWriteErrorIsAOneWayFileFault) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 10, 1, true);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 10, 1, true, ZarnTest::writerEnv());
   ASSERT_EQ(write(*w, I, 0, T), 0);
   FaultRule fail;
   fail.op = StoreOp::FileWrite;
@@ -511,7 +512,7 @@ std::vector<uint8_t> svcFrame(uint8_t type, uint32_t seq, uint32_t time, uint8_t
 }
 
 TEST_F(StreamWriterTest, SvcScreeningDropsFramesThatCannotBeDecoded) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 12, 1, true);
+  auto w = std::make_shared<CStreamWriter>(m_fs, 12, 1, true, ZarnTest::writerEnv());
   ZarnTest::LogCapture log;
   struct In {
     uint8_t type;
@@ -588,30 +589,29 @@ TEST_F(StreamWriterTest, AWriteRacingADeleteCompletesOnItsEngine) {
 }
 
 TEST_F(StreamWriterTest, TheIndexFixScanListsTheLastHourOfRegisteredStreams) {
-  MediaClientTimings timings;
-  timings.fixIndexDelay = 30;
-  CMediaClientInternal::setTimingsForTest(timings);
-  CMediaClientInternal client;
-  CMediaClientInternal::setTimingsForTest(MediaClientTimings());
-  ZarnTest::LogCapture log;
+  Velto::Kandu::CManualClock clock(Velto::Kandu::systemClock().wallClockMs());
+  CMediaClientInternal client(clock);
+  ZarnTest::LogCapture log(Velto::Kandu::LOG_INFO);
   Config config{m_root.c_str(), 0, "root", ""};
   ASSERT_EQ(client.setRecyclePolicy(14, 24, 0), 0);
   ASSERT_EQ(client.addStream(14, 1, true), 0);
-  // A closed file of the last hour without an index, and one from the day before.
-  const uint32_t now = CMediaContext::values().localNow();
+  // A closed file of the hour before the scan without an index, and one from the day before.
+  const uint32_t scanAt =
+      CMediaValues::instance().localNow(clock) + CMediaClientInternal::kFixIndexDelayMs / 1000;
   ASSERT_TRUE(m_fs->createBucket("media_14"));
   for (uint32_t age : {600u, 86400u}) {
     RecordFileName n;
     n.streamId = 14;
-    n.beginTime = now - age;
-    n.endTime = now - age + 300;
+    n.beginTime = scanAt - age;
+    n.endTime = scanAt - age + 300;
     n.type = 1;
     n.indexState = RECORD_INDEX_MISSING;
     ASSERT_TRUE(m_fs->createFile(generateName(n), 1, 1)->close());
   }
   ASSERT_EQ(client.initialize(config, nullptr), 0);
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return log.contains("check 1 files"); }));
-  EXPECT_GE(log.count("stream totalNum = "), 1u);
+  clock.advance(CMediaClientInternal::kFixIndexDelayMs);
+  EXPECT_EQ(log.count("check 1 files"), 1u);
+  EXPECT_EQ(log.count("stream totalNum = 1"), 1u);
   EXPECT_EQ(client.deleteStream(14), 0);
 }
 

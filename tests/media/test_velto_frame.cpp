@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "MediaContext.h"
+#include "MediaValues.h"
 #include "VeltoFrame.h"
 
 using namespace Velto::Zarn;
@@ -54,10 +55,10 @@ Bytes bytesOf(const VeltoFrame& rec) { return Bytes(rec.frame, rec.frame + rec.h
 
 class MaxFrameSizeGuard {
  public:
-  ~MaxFrameSizeGuard() { CMediaContext::values().maxFrameSize.store(m_saved); }
+  ~MaxFrameSizeGuard() { CMediaValues::instance().maxFrameSize.store(m_saved); }
 
  private:
-  int32_t m_saved = CMediaContext::values().maxFrameSize.load();
+  int32_t m_saved = CMediaValues::instance().maxFrameSize.load();
 };
 
 }  // namespace
@@ -93,9 +94,9 @@ TEST(FrameHead, ChecksumMagicAndLength) {
   // Without an explicit size the current process value decides.
   Bytes f = makeFrame(0xFC, 0, 9, {}, 68);  // L = 100
   MaxFrameSizeGuard guard;
-  CMediaContext::values().maxFrameSize.store(100);
+  CMediaValues::instance().maxFrameSize.store(100);
   EXPECT_FALSE(checkFrameHead(f.data()));
-  CMediaContext::values().maxFrameSize.store(101);
+  CMediaValues::instance().maxFrameSize.store(101);
   EXPECT_TRUE(checkFrameHead(f.data()));
 
   // The loud variant says why on standard output.
@@ -267,9 +268,9 @@ TEST(VeltoFrameRecord, CopyToBufferKeepsOneBuffer) {
 
   MaxFrameSizeGuard guard;  // the process maximum sizes the first buffer
   VeltoFrame sized;
-  CMediaContext::values().maxFrameSize.store(static_cast<int32_t>(b.size()) - 1);
+  CMediaValues::instance().maxFrameSize.store(static_cast<int32_t>(b.size()) - 1);
   EXPECT_FALSE(copyFrameToBuffer(sized, srcB));
-  CMediaContext::values().maxFrameSize.store(static_cast<int32_t>(b.size()));
+  CMediaValues::instance().maxFrameSize.store(static_cast<int32_t>(b.size()));
   ASSERT_TRUE(copyFrameToBuffer(sized, srcB));
   EXPECT_EQ(sized.bufferSize, b.size());
 }

@@ -73,7 +73,7 @@ TEST(WorkQueue, CancelTakesOnlyQueuedItems) {
   blocker.m_hold = true;
   std::vector<int> order;
   std::mutex m;
-  RecordingItem queued(1, order, m), never(2, order, m);
+  RecordingItem queued(1, order, m), never(2, order, m), marker(3, order, m);
   CWorkQueue queue(1, true);
   EXPECT_FALSE(queue.cancel(&never));  // not queued: nothing changes
   queue.submit(&blocker);
@@ -84,14 +84,15 @@ TEST(WorkQueue, CancelTakesOnlyQueuedItems) {
   EXPECT_EQ(queue.pendingCount(), 2u);
   EXPECT_TRUE(queue.cancel(&never));
   EXPECT_EQ(queue.pendingCount(), 1u);
+  // One thread runs items in order: the marker runs after anything still queued.
+  queue.submit(&marker);
   blocker.m_hold = false;
   ASSERT_TRUE(ZarnTest::waitFor([&] {
     std::lock_guard<std::mutex> lock(m);
-    return order.size() == 1;
+    return order.size() >= 2;
   }));
-  Velto::Kandu::sleepMs(150);
   std::lock_guard<std::mutex> lock(m);
-  EXPECT_EQ(order, std::vector<int>{1});
+  EXPECT_EQ(order, (std::vector<int>{1, 3}));
 }
 
 TEST(WorkQueue, PassingTheItemMutexWaitsForARunningExecute) {
@@ -173,11 +174,9 @@ TEST(WorkQueue, ManyShortSubmissionsAllRunOnce) {
   std::vector<std::unique_ptr<Counting>> items;
   for (int i = 0; i < 50; ++i) items.push_back(std::make_unique<Counting>(runs, q, 9));
   for (auto& item : items) ASSERT_TRUE(queue.submit(item.get()));
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return runs.load() == 500; }));
-  Velto::Kandu::sleepMs(150);  // and nothing runs beyond
+  ASSERT_TRUE(ZarnTest::waitFor([&] { return runs.load() >= 500 && queue.pendingCount() == 0; }));
+  queue.destroy();  // joins the threads: every run begun has ended
   EXPECT_EQ(runs.load(), 500);
-  EXPECT_EQ(queue.pendingCount(), 0u);
-  queue.destroy();
 }
 
 TEST(WorkQueue, DestroyDropsPendingItemsAndRefusesNewOnes) {

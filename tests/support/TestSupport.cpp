@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "KanduTime.h"
+#include "MediaContext.h"
 #include "VeltoFrame.h"
 
 namespace ZarnTest {
@@ -118,6 +119,14 @@ bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
+}
+
+Velto::Zarn::EngineEnv writerEnv(const Velto::Kandu::IClock& clock) {
+  return Velto::Zarn::CMediaContext::instance().writerEnv(clock);
+}
+
+Velto::Zarn::EngineEnv readerEnv(const Velto::Kandu::IClock& clock) {
+  return Velto::Zarn::CMediaContext::instance().readerEnv(clock);
 }
 
 }  // namespace ZarnTest

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "EngineEnv.h"
+#include "KanduClock.h"
 #include "KanduLog.h"
 
 namespace ZarnTest {
@@ -54,6 +56,11 @@ std::vector<uint8_t> makeFrame(uint8_t type, uint8_t subType, uint32_t sequence,
 // context reads that file once, from the working directory). Call it from a
 // namespace-scope initialiser; returns true.
 bool useConfigFileForProcess(const std::string& json);
+
+// What the process-wide context gives the writers and readers of a client on
+// `clock`, for tests that build engines themselves.
+Velto::Zarn::EngineEnv writerEnv(const Velto::Kandu::IClock& clock = Velto::Kandu::systemClock());
+Velto::Zarn::EngineEnv readerEnv(const Velto::Kandu::IClock& clock = Velto::Kandu::systemClock());
 
 // Polls `condition` every 2 ms until it holds or timeoutMs passes.
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);

@@ -1,14 +1,13 @@
-#include "RecordLock.h"
+#include "LockSizeLedger.h"
 
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 
-#include "KanduLog.h"
+#include "MediaLog.h"
 #include "KanduThread.h"
 #include "KanduTime.h"
-#include "MediaContext.h"
-#include "RecordLockHook.h"
+#include "MediaValues.h"
 #include "ZarnClient.h"
 
 namespace Velto::Zarn {
@@ -35,10 +34,10 @@ int32_t updateLockSize(CZarnFileSystem& fs, Change change) {
     if (current.empty() || !parseLedgerPath(current, total)) return -1;
     std::string next = generateLockSizeFileName(change(total));
     if (next.empty()) return -1;
-    KLOG_INFO("#%d,GENERAL::%s %d, rename : %s >> %s\n", 0, __FUNCTION__, __LINE__, current.c_str(), next.c_str());
+    ZLOG(INFO, "GENERAL", 0, "rename : %s >> %s\n", current.c_str(), next.c_str());
     if (fs.renameFile(current, next)) return 0;
     // Typically another process moved the ledger first: read its new name.
-    KLOG_INFO("#%d,GENERAL::%s %d, rename failed : %s\n", getLastError(), __FUNCTION__, __LINE__, getErrorMsg());
+    ZLOG(INFO, "GENERAL", getLastError(), "rename failed : %s\n", getErrorMsg());
     Velto::Kandu::sleepMs(10);
   }
 }
@@ -46,12 +45,12 @@ int32_t updateLockSize(CZarnFileSystem& fs, Change change) {
 }  // namespace
 
 std::string generateLockSizeFileName(uint64_t total) {
-  uint64_t unique = static_cast<uint64_t>(Velto::Kandu::wallClockSeconds()) * 1000000ull + 100000ull +
+  uint64_t unique = static_cast<uint64_t>(Velto::Kandu::systemClock().wallClockSeconds()) * 1000000ull + 100000ull +
                     static_cast<uint64_t>(std::rand() % 900000);
   char name[128];
   int n = std::snprintf(name, sizeof(name), kLedgerFormat, total, unique);
   if (n <= 0 || static_cast<size_t>(n) >= sizeof(name)) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, generateLockSizeFileName faile\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "GENERAL", 0, "generateLockSizeFileName faile\n");
     return std::string();
   }
   return std::string(kSystemBucket) + "/" + name;
@@ -60,7 +59,7 @@ std::string generateLockSizeFileName(uint64_t total) {
 std::string getLockSizeFileName(CZarnFileSystem& fs) {
   CBucket bucket = fs.getBucket(kSystemBucket);
   if (!bucket.isValid()) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, getBucket failed : %s\n", getLastError(), __FUNCTION__, __LINE__, getErrorMsg());
+    ZLOG(ERROR, "GENERAL", getLastError(), "getBucket failed : %s\n", getErrorMsg());
     return std::string();
   }
   CNameList names;
@@ -70,13 +69,12 @@ std::string getLockSizeFileName(CZarnFileSystem& fs) {
   for (int attempt = 0; attempt < kLedgerLookups && names.empty(); ++attempt) {
     if (attempt > 0) Velto::Kandu::sleepMs(2);
     if (!bucket.list(names, "lockSize_", "lockSize_z", 1)) {
-      KLOG_ERROR("#%d,GENERAL::%s %d, list lockSize file failed [lockSize_*]\n", getLastError(), __FUNCTION__,
-                 __LINE__);
+      ZLOG(ERROR, "GENERAL", getLastError(), "list lockSize file failed [lockSize_*]\n");
       return std::string();
     }
   }
   if (names.empty()) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, cannot find lockSize file [lockSize_*]\n", 0, __FUNCTION__, __LINE__);
+    ZLOG(ERROR, "GENERAL", 0, "cannot find lockSize file [lockSize_*]\n");
     return std::string();
   }
   return std::string(kSystemBucket) + "/" + names.front();
@@ -97,19 +95,16 @@ int32_t minusLockSize(CZarnFileSystem& fs, uint64_t megabytes) {
   return updateLockSize(fs, [megabytes](uint64_t total) { return megabytes > total ? 0 : total - megabytes; });
 }
 
-void onLockedRecordRemoved(CZarnFileSystem& fs, uint64_t megabytes) { minusLockSize(fs, megabytes); }
-
 bool checkSysFile(CZarnFileSystem& fs) {
   if (!fs.getBucket(kSystemBucket).isValid() && !fs.createBucket(kSystemBucket) &&
       getLastError() != ZARN_E_BUCKET_EXISTS) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, create bucket %s failed : %s\n", getLastError(), __FUNCTION__, __LINE__,
-               kSystemBucket, getErrorMsg());
+    ZLOG(ERROR, "GENERAL", getLastError(), "create bucket %s failed : %s\n", kSystemBucket, getErrorMsg());
     return false;
   }
   uint64_t total = 0;
   if (getLockSize(fs, total)) return true;
 
-  KLOG_ERROR("#%d,GENERAL::%s %d, checkSysFile failed, lockSizeFile is lost\n", 0, __FUNCTION__, __LINE__);
+  ZLOG(ERROR, "GENERAL", 0, "checkSysFile failed, lockSizeFile is lost\n");
   // A guard that exists but is not open for writing is the leftover of a
   // creator that died; one still open for writing belongs to a live creator.
   if (std::unique_ptr<CFile> guard = fs.openFile(kGuardPath, StoreOpenMode::Read)) {
@@ -119,16 +114,15 @@ bool checkSysFile(CZarnFileSystem& fs) {
     if (statOk && !st.openForWrite) {
       fs.removeFile(kGuardPath);
     } else {
-      KLOG_WARN("#%d,GENERAL::%s %d, media_system Locked by other SS.\n", 0, __FUNCTION__, __LINE__);
+      ZLOG(WARN, "GENERAL", 0, "media_system Locked by other SS.\n");
       return false;
     }
   } else if (getLastError() == ZARN_E_OUT_OF_SYNC) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, data out of sync, try remove file: %s\n", getLastError(), __FUNCTION__, __LINE__,
-               kGuardPath);
+    ZLOG(ERROR, "GENERAL", getLastError(), "data out of sync, try remove file: %s\n", kGuardPath);
     fs.removeFile(kGuardPath);
   }
 
-  CMediaValues& values = CMediaContext::values();
+  CMediaValues& values = CMediaValues::instance();
   std::unique_ptr<CFile> guard = fs.createFile(kGuardPath, values.ecDataNum.load(), values.ecParityNum.load());
   if (!guard) return false;
   // Another creator may have finished between our first look and taking the
@@ -142,8 +136,7 @@ bool checkSysFile(CZarnFileSystem& fs) {
   std::unique_ptr<CFile> ledger =
       ledgerPath.empty() ? nullptr : fs.createFile(ledgerPath, values.ecDataNum.load(), values.ecParityNum.load());
   if (!ledger) {
-    KLOG_ERROR("#%d,GENERAL::%s %d, checkSysFile failed,create lockSizeFile failed : %s\n", getLastError(),
-               __FUNCTION__, __LINE__, getErrorMsg());
+    ZLOG(ERROR, "GENERAL", getLastError(), "checkSysFile failed,create lockSizeFile failed : %s\n", getErrorMsg());
     guard->close();
     fs.removeFile(kGuardPath);
     return false;
