@@ -34,7 +34,6 @@ namespace Velto::Zarn {
 
 namespace {
 
-constexpr const char* kTempPrefix = ".zarn-tmp.";
 constexpr const char* kConfEnv = "ZARN_CEPH_CONF";
 // A mount that gets no answer from the monitors gives up after this many
 // seconds (Ceph's own default is 300: far too long for a host starting up),
@@ -57,8 +56,6 @@ constexpr uint32_t kWriteLockPauseMs = 2;
 constexpr unsigned kStatWant = CEPH_STATX_MODE | CEPH_STATX_SIZE | CEPH_STATX_MTIME | CEPH_STATX_INO;
 
 int translate(int negErrno) { return storeErrorFromErrno(-negErrno); }
-
-bool isHidden(const char* name) { return name[0] == '.'; }
 
 struct Monitor {
   std::string host;  // without brackets
@@ -644,7 +641,7 @@ int clearLevels(Shared& s, const std::string& path) {
     if (std::strcmp(de.d_name, ".") == 0 || std::strcmp(de.d_name, "..") == 0) continue;
     if (S_ISDIR(stx.stx_mode)) {
       subdirs.emplace_back(de.d_name);
-    } else if (std::strncmp(de.d_name, kTempPrefix, std::strlen(kTempPrefix)) == 0 && S_ISREG(stx.stx_mode)) {
+    } else if (isTempName(de.d_name) && S_ISREG(stx.stx_mode)) {
       stale.emplace_back(de.d_name);
     } else {
       result = ZARN_E_BUCKET_NOT_EMPTY;
@@ -754,8 +751,7 @@ int CCephStoreBackend::createFile(const std::string& bucket, const std::string& 
     if (attempt > 1) Kandu::sleepMs(static_cast<uint32_t>(attempt));  // another process keeps pruning
     // Born hidden, locked, then linked to its name: nobody sees the name
     // without also seeing the file open for writing.
-    std::string temp = dir + "/" + kTempPrefix + std::to_string(::getpid()) + "." +
-                       std::to_string(s.tempCounter.fetch_add(1)) + "." + std::to_string(Kandu::monotonicUs());
+    std::string temp = tempPath(dir, s.tempCounter.fetch_add(1));
     const int flags = O_WRONLY | O_APPEND | O_CREAT | O_EXCL;
     int fd = pool.empty() ? ceph_open(s.mount, temp.c_str(), flags, 0644)
                           : ceph_open_layout(s.mount, temp.c_str(), flags, 0644, 0, 0, 0, pool.c_str());

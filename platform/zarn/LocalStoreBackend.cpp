@@ -26,7 +26,6 @@ namespace Velto::Zarn {
 
 namespace {
 
-constexpr const char* kTempPrefix = ".zarn-tmp.";
 // How often a create or rename starts over when another process pruned a
 // directory level between our mkdir and our use of it. Each round trip is a few
 // system calls; losing this many races in a row means something else is wrong.
@@ -42,8 +41,6 @@ bool isDirectory(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
-
-bool isHidden(const char* name) { return name[0] == '.'; }
 
 // True while some open file description holds LOCK_EX on the file: a handle in
 // some process has it open for writing. `fd` must not hold a lock itself.
@@ -380,7 +377,7 @@ int clearLevels(Shared& shared, const std::string& path) {
     if (::fstatat(dfd, n, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (S_ISDIR(st.st_mode)) {
       subdirs.emplace_back(n);
-    } else if (std::strncmp(n, kTempPrefix, std::strlen(kTempPrefix)) == 0 && S_ISREG(st.st_mode)) {
+    } else if (isTempName(n) && S_ISREG(st.st_mode)) {
       stale.emplace_back(n);
     } else {
       rc = ZARN_E_BUCKET_NOT_EMPTY;
@@ -494,8 +491,7 @@ int CLocalStoreBackend::createFile(const std::string& bucket, const std::string&
 
     // The file is born under a hidden name, locked, and only then linked to its
     // final name: nobody can see it there without also seeing it open for writing.
-    std::string temp = dir + "/" + kTempPrefix + std::to_string(::getpid()) + "." +
-                       std::to_string(s.tempCounter.fetch_add(1)) + "." + std::to_string(Kandu::monotonicUs());
+    std::string temp = tempPath(dir, s.tempCounter.fetch_add(1));
     int fd = ::open(temp.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) {
       err = errno;
