@@ -42,7 +42,7 @@ namespace Velto::Zarn {
 
 class CCephStoreBackend : public IStoreBackend {
  public:
-  struct Shared;  // the mount and the state its file handles share (defined in the .cpp)
+  struct Shared;  // the mount and the state its file handles share (defined in CephStoreBackendImpl.h)
 
   // `location` is the address after "ceph://"; check it with parseLocation first.
   explicit CCephStoreBackend(const std::string& location);

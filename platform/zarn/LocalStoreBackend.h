@@ -65,7 +65,7 @@ class CLocalStoreBackend : public IStoreBackend {
   // Test hook: directories opened for reading (listings, walks) since construction.
   uint64_t directoriesOpened() const;
 
-  struct Shared;  // state shared with open file handles (defined in the .cpp)
+  struct Shared;  // state shared with open file handles (defined in LocalStoreBackendImpl.h)
 
  private:
   std::shared_ptr<Shared> m_shared;

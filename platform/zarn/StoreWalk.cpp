@@ -1,8 +1,11 @@
 #include "StoreWalk.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>  // SEEK_*
+#include <cstring>
 
 #include "KanduTime.h"
 #include "ZarnError.h"
@@ -53,6 +56,19 @@ int storeErrorFromErrno(int err) {
       return ZARN_E_IO;  // EIO, EMFILE, ENOMEM, ...: a retry may pass
   }
 }
+
+namespace {
+
+constexpr const char* kTempPrefix = ".zarn-tmp.";
+
+}  // namespace
+
+std::string tempPath(const std::string& dir, uint64_t counter) {
+  return dir + "/" + kTempPrefix + std::to_string(::getpid()) + "." + std::to_string(counter) + "." +
+         std::to_string(Kandu::monotonicUs());
+}
+
+bool isTempName(const char* name) { return std::strncmp(name, kTempPrefix, std::strlen(kTempPrefix)) == 0; }
 
 void CCappedUsage::fill(uint64_t cap, uint64_t fsFree, const WalkFn& walk, StoreCapacity& out) {
   std::lock_guard<std::mutex> lock(m_mutex);

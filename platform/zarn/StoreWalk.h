@@ -1,6 +1,6 @@
 // Pieces shared by the backends that keep a store as a directory tree
 // (<root>/<bucket>/<name>, a name's '/' levels being directories): the errno
-// translation and the marker-bounded listing walk.
+// translation, the backends' hidden names and the marker-bounded listing walk.
 #pragma once
 
 #include <atomic>
@@ -18,6 +18,16 @@ namespace Velto::Zarn {
 // better for their context (ENOENT of a bucket directory means
 // ZARN_E_NO_SUCH_BUCKET) check that before calling.
 int storeErrorFromErrno(int err);
+
+// Names starting with '.' are never store names (name validation refuses such
+// components): they belong to the backend, and listings and walks skip them.
+inline bool isHidden(const char* name) { return name[0] == '.'; }
+// The hidden birth name of a file under exclusive create, in the directory of
+// its final name: "<dir>/.zarn-tmp.<pid>.<counter>.<microseconds>".
+std::string tempPath(const std::string& dir, uint64_t counter);
+// True for a directory entry named by tempPath: a create in progress, or one
+// that died before linking its file to its name.
+bool isTempName(const char* name);
 
 // One visible entry of a directory level: a regular file or a directory.
 struct LevelEntry {
