@@ -14,6 +14,7 @@
 #include "MediaContext.h"
 #include "MediaLog.h"
 #include "MediaValues.h"
+#include "ZarnNames.h"
 #include "RecordQuery.h"
 #include "StreamMgr.h"
 #include "StreamReader.h"
@@ -111,6 +112,12 @@ CZarnFileSystem& CMediaClientInternal::store() const {
 
 QueryEnv CMediaClientInternal::queryEnv() const { return CMediaContext::instance().queryEnv(m_clock); }
 
+bool CMediaClientInternal::storeReady(const char* function) const {
+  if (store().isInitialized()) return true;
+  ZLOG_IN(ERROR, "GENERAL", function, ZARN_E_NOT_INITIALIZED, "the store is not initialized: call initialize first\n");
+  return false;
+}
+
 void CMediaClientInternal::enableZarnClientLog(int logLevel, const char* logPath) {
   ZLOG(DEBUG, "GENERAL", 0, "enableZarnClientLog. logLevel: %d, logPath: %s\n", logLevel, logPath ? logPath : "(null)");
   CZarnFileSystem& fs = store();
@@ -163,10 +170,22 @@ int CMediaClientInternal::initialize(const Config& config, Velto::Kandu::TFuncti
   fs.setListener(this);
 
   CMediaValues& values = CMediaValues::instance();
+  // Every bucket name begins with the user name and "_": one that is not a
+  // store name component would make every bucket name invalid.
+  const std::string userName = config.userName ? config.userName : "";
+  if (!userName.empty() && userName != "root" && validateBucketName(userName + "_media_0") != 0) {
+    ZLOG(ERROR, "GENERAL", ZARN_E_INVALID_NAME, "Config.userName \"%s\" cannot begin a bucket name\n",
+         userName.c_str());
+    return -1;
+  }
   // The store is initialised once; a repeated initialize only repeats the
   // options, the system-file check and the timers. The test is on this
   // client's own connection rather than on the process-wide state, so that a
   // second client of the process still connects.
+  if (fs.isInitialized() && config.address != nullptr && m_address != config.address) {
+    ZLOG(WARN, "GENERAL", 0, "initialize: this client stays connected to %s; %s is not used\n", m_address.c_str(),
+         config.address);
+  }
   if (!fs.isInitialized()) {
     if (config.address == nullptr || !fs.initialize(config)) {
       int32_t code = config.address == nullptr ? ZARN_E_INVALID_ARGUMENT : getLastError();
@@ -179,8 +198,9 @@ int CMediaClientInternal::initialize(const Config& config, Velto::Kandu::TFuncti
       return -1;
     }
   }
+  if (m_address.empty()) m_address = config.address;
   ZLOG(INFO, "GENERAL", 0, "Zarn init success.\n");
-  values.setStoreUserName(config.userName ? config.userName : "");
+  values.setStoreUserName(userName);
 
   if (!checkSysFile(fs)) {
     values.sdkState.store(ZARN_STATE_FAILED);
@@ -291,22 +311,26 @@ int CMediaClientInternal::getLockRatio() const {
 
 int CMediaClientInternal::queryRecordClipList(unsigned streamId, unsigned beginTime, unsigned endTime,
                                               std::vector<RecordClip>& clips, unsigned durationPerClip) {
+  if (!storeReady(__FUNCTION__)) return -1;
   return Velto::Zarn::queryRecordClipList(queryEnv(), store(), streamId, beginTime, endTime, clips, durationPerClip);
 }
 
 int CMediaClientInternal::queryRecordFileList(unsigned streamId, unsigned beginTime, unsigned endTime,
                                               std::vector<RecordClipEx>& files) {
+  if (!storeReady(__FUNCTION__)) return -1;
   return Velto::Zarn::queryRecordFileList(queryEnv(), store(), streamId, beginTime, endTime, files);
 }
 
 int CMediaClientInternal::queryAlignedClipList(unsigned streamId, unsigned beginTime, unsigned endTime,
                                                std::vector<RecordClip>& clips, unsigned durationPerClip) {
+  if (!storeReady(__FUNCTION__)) return -1;
   return Velto::Zarn::queryAlignedClipList(queryEnv(), store(), streamId, beginTime, endTime, clips, durationPerClip);
 }
 
 int CMediaClientInternal::queryRecordStatus(unsigned streamId, unsigned beginTime, unsigned endTime,
                                             std::vector<bool>& status, unsigned step) const {
   CZarnFileSystem& fs = store();
+  if (!storeReady(__FUNCTION__)) return -1;
   if (endTime < beginTime) {
     // The bitmap's size would wrap around to billions of bits.
     ZLOG(ERROR, "GENERAL", -1, "parameter error, endTS[%u] is before beginTS[%u]\n", endTime, beginTime);

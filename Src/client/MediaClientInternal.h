@@ -109,11 +109,14 @@ class CMediaClientInternal : public IZarnListener {
   void applyConfigToStore();
   CZarnFileSystem& store() const;  // aborts when the handle is missing
   QueryEnv queryEnv() const;
+  // false, with an error line naming `function`, before a successful initialize.
+  bool storeReady(const char* function) const;
 
   Velto::Kandu::IClock& m_clock;
   // Shared with the engines, which may outlive the client (they belong to the
   // process-wide registry); replaced by initialize after a failed store init.
   std::shared_ptr<CZarnFileSystem> m_fs;
+  std::string m_address;  // the store this client's connection reached (guarded by m_stateMutex)
   int32_t m_zarnTimeout;
   int32_t m_maxLockRatio;                 // percent; read by range locks
   Velto::Kandu::CMutex m_lockMutex;

@@ -9,10 +9,22 @@ namespace Velto::Zarn {
 
 #define ALOG(level, fmt, ...) READER_LOG(m_log, level, fmt __VA_OPT__(, ) __VA_ARGS__)
 
-bool recordFileClosed(CRecordFile& file) {
+namespace {
+
+// The assembly buffer starts this big and doubles as frames need: sized by the
+// bytes really read, never by what a head announces.
+constexpr uint32_t kInitialAssemblyBytes = 64 * 1024;
+
+bool closedByName(CRecordFile& file) {
   if (file.name().endTime != 0) return true;
   std::shared_ptr<CRecordFileIndex> index = file.recordIndex();
-  if (index && index->isComplete()) return true;
+  return index && index->isComplete();
+}
+
+}  // namespace
+
+bool recordFileClosed(CRecordFile& file) {
+  if (closedByName(file)) return true;
   ZarnFileStat st;
   return file.stat(st) && !st.openForWrite;
 }
@@ -22,6 +34,7 @@ CFrameAssembler::CFrameAssembler(CReaderFrameBuffer& items, ReaderLogContext log
 void CFrameAssembler::attach(CRecordFile* file, uint64_t dataEnd) {
   m_file = file;
   m_dataEnd = dataEnd;
+  m_knownSize = 0;
   m_assemblyCount = 0;
   m_items.recycle(std::move(m_pendingItem));
   m_pendingFilled = 0;
@@ -40,13 +53,14 @@ bool CFrameAssembler::positionAt(uint64_t offset) {
 
 int32_t CFrameAssembler::readInto(uint8_t* buffer, uint32_t& have, uint32_t want, uint32_t extra) {
   while (have < want) {
-    uint32_t ask = want - have + extra;
+    uint64_t ask = static_cast<uint64_t>(want - have) + extra;
     if (m_dataEnd != kUnknownEnd) {
       // A closed file's index and record info follow its data: never read them as frames.
       if (m_readPos >= m_dataEnd) return kEndOfData;
-      ask = static_cast<uint32_t>(std::min<uint64_t>(ask, m_dataEnd - m_readPos));
+      ask = std::min<uint64_t>(ask, m_dataEnd - m_readPos);
     }
-    const int64_t got = m_file->read(buffer + have, ask);
+    ask = std::min<uint64_t>(ask, UINT32_MAX);
+    const int64_t got = m_file->read(buffer + have, static_cast<uint32_t>(ask));
     if (got > 0) {
       have += static_cast<uint32_t>(got);
       m_readPos += static_cast<uint64_t>(got);
@@ -62,9 +76,9 @@ int32_t CFrameAssembler::readInto(uint8_t* buffer, uint32_t& have, uint32_t want
 
 void CFrameAssembler::ensureAssembly(uint32_t want) {
   if (want > m_assemblyCapacity) {
-    // Sized to the maximum frame size on first use; grows with it. Allocated
-    // without zeroing, so an idle session does not touch 4 MiB.
-    const uint32_t capacity = std::max(want, currentMaxFrameSize());
+    // Allocated without zeroing: only the bytes read are touched.
+    const uint32_t doubled = m_assemblyCapacity > UINT32_MAX / 2 ? UINT32_MAX : 2 * m_assemblyCapacity;
+    const uint32_t capacity = std::max({want, kInitialAssemblyBytes, doubled});
     std::unique_ptr<uint8_t[]> bigger(new uint8_t[capacity]);
     if (m_assemblyCount > 0) std::memcpy(bigger.get(), m_assembly.get(), m_assemblyCount);
     m_assembly = std::move(bigger);
@@ -118,6 +132,19 @@ bool CFrameAssembler::skipFakeFrame(uint64_t frameStart, uint32_t length) {
   return true;
 }
 
+int32_t CFrameAssembler::frameFitsFile(uint64_t frameStart, uint32_t length) {
+  const uint64_t frameEnd = frameStart + length;
+  if (m_dataEnd != kUnknownEnd) return frameEnd <= m_dataEnd ? kFrame : kEndOfData;
+  if (frameEnd <= m_knownSize) return kFrame;
+  ZarnFileStat st;
+  if (!m_file->stat(st)) return kNotYet;  // the store will tell next time
+  m_knownSize = st.size;
+  if (frameEnd <= m_knownSize) return kFrame;
+  // Not all there: a file still being written may bring the rest; a closed
+  // one never will, so the head is damaged.
+  return closedByName(*m_file) || !st.openForWrite ? kEndOfData : kNotYet;
+}
+
 bool CFrameAssembler::rejectPending(uint32_t length) {
   std::unique_ptr<FrameItem> item = std::move(m_pendingItem);
   ensureAssembly(length + m_assemblyCount);
@@ -158,6 +185,14 @@ int32_t CFrameAssembler::next(std::unique_ptr<FrameItem>& item, VeltoFrameHead& 
       continue;
     }
     if (!m_pendingItem) {
+      // A damaged head may announce gigabytes: the frame must lie within the
+      // bytes the file holds before anything is allocated for it.
+      const int32_t fits = frameFitsFile(frameStart, head.length);
+      if (fits == kNotYet) return kNotYet;
+      if (fits != kFrame) {
+        if (!resync()) return kEndOfData;
+        continue;
+      }
       // The assembled bytes move into the frame's item; bytes past the frame
       // (left by resynchronisation) stay in front for the next pass.
       m_pendingItem = m_items.takeItem(head.length, kFrameHeadSize);

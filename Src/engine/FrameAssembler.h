@@ -75,6 +75,10 @@ class CFrameAssembler {
   // candidate head. false when the skip limit is reached.
   bool resync();
   bool skipFakeFrame(uint64_t frameStart, uint32_t length);
+  // Whether a frame of `length` bytes at `frameStart` lies within the file's
+  // bytes: kFrame, kNotYet (a file still being written may bring the rest) or
+  // kEndOfData (it never will: the head is damaged).
+  int32_t frameFitsFile(uint64_t frameStart, uint32_t length);
   // The pending frame was no frame: puts its bytes back in front of the
   // assembly buffer and resynchronises over them. false at the skip limit.
   bool rejectPending(uint32_t length);
@@ -83,6 +87,7 @@ class CFrameAssembler {
   const ReaderLogContext m_log;
   CRecordFile* m_file = nullptr;
   uint64_t m_dataEnd = kUnknownEnd;
+  uint64_t m_knownSize = 0;  // the file's size when it was last looked at (data end unknown)
   uint64_t m_readPos = 0;  // file position after the assembly bytes
   std::unique_ptr<uint8_t[]> m_assembly;
   uint32_t m_assemblyCapacity = 0;

@@ -1,7 +1,5 @@
 #include "ReaderFrameBuffer.h"
 
-#include <algorithm>
-#include <limits>
 
 namespace Velto::Zarn {
 
@@ -12,14 +10,14 @@ CReaderFrameBuffer::CReaderFrameBuffer(size_t spareItems) : m_spareLimit(spareIt
 }
 
 std::unique_ptr<CReaderFrameBuffer::FrameItem> CReaderFrameBuffer::takeItem(uint32_t length, uint32_t extra) {
-  const uint32_t room = length + extra;
+  const uint64_t room = static_cast<uint64_t>(length) + extra;  // never wraps
   std::unique_ptr<FrameItem> item;
   {
     CAutoLock lock(m_mutex);
     for (size_t i = m_spares.size(); i > 0; --i) {
       // A spare at most twice the size: the item of a large key frame must not
       // stay pinned under every small frame after it.
-      const uint32_t capacity = m_spares[i - 1]->capacity;
+      const uint64_t capacity = m_spares[i - 1]->capacity;
       if (capacity >= room && capacity / 2 <= room) {
         item = std::move(m_spares[i - 1]);
         m_spares[i - 1] = std::move(m_spares.back());
@@ -31,9 +29,8 @@ std::unique_ptr<CReaderFrameBuffer::FrameItem> CReaderFrameBuffer::takeItem(uint
   if (!item) {
     // A quarter more than asked, so that the item serves the frames of similar
     // size after this one.
-    const uint64_t capacity = (static_cast<uint64_t>(room) + room / 4 + 63) & ~uint64_t{63};
     item = std::make_unique<FrameItem>();
-    item->capacity = static_cast<uint32_t>(std::min<uint64_t>(capacity, std::numeric_limits<uint32_t>::max()));
+    item->capacity = (room + room / 4 + 63) & ~uint64_t{63};
     item->bytes.reset(new uint8_t[item->capacity]);
   }
   item->length = length;

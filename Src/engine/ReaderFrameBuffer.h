@@ -33,7 +33,7 @@ class CReaderFrameBuffer {
  public:
   struct FrameItem {
     std::unique_ptr<uint8_t[]> bytes;  // the whole frame, `length` bytes of `capacity`
-    uint32_t capacity = 0;
+    uint64_t capacity = 0;
     uint32_t length = 0;
     uint64_t offset = 0;               // of its head in the record file
     uint32_t time = 0;                 // UTC seconds (index time for key frames of an indexed file)

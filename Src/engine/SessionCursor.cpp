@@ -38,7 +38,52 @@ uint32_t CSessionCursor::gatherEnd() const {
   return m_endTime < std::numeric_limits<uint32_t>::max() ? m_endTime + 1 : m_endTime;
 }
 
+// Lookups step over the files found unopenable: going forward from such a
+// file's end, backward from before its begin (both move strictly).
 bool CSessionCursor::findAfter(uint32_t t, RecordFileName& out) {
+  for (size_t stepped = 0;; ++stepped) {
+    if (!findAfterOnce(t, out)) return false;
+    if (out.beginTime == 0 || !isSkipped(out)) return true;
+    if (stepped == m_skipped.size()) break;  // no progress possible
+    t = out.realEndTime;
+  }
+  out = RecordFileName();
+  return true;
+}
+
+bool CSessionCursor::findBefore(uint32_t t, RecordFileName& out) {
+  for (size_t stepped = 0;; ++stepped) {
+    if (!findBeforeOnce(t, out)) return false;
+    if (out.beginTime == 0 || !isSkipped(out)) return true;
+    if (stepped == m_skipped.size() || out.beginTime == 0) break;
+    t = out.beginTime - 1;
+  }
+  out = RecordFileName();
+  return true;
+}
+
+bool CSessionCursor::isSkipped(const RecordFileName& info) const {
+  for (const RecordFileName& s : m_skipped) {
+    if (sameFile(s, info)) return true;
+  }
+  return false;
+}
+
+void CSessionCursor::noteOpenFailure(const RecordFileName& info) {
+  if (m_openFailures > 0 && sameFile(m_failing, info) && m_failing.endTime == info.endTime) {
+    ++m_openFailures;
+  } else {
+    m_failing = info;
+    m_openFailures = 1;
+  }
+  if (m_openFailures < kMaxOpenFailures) return;
+  CLOG(WARN, "file %s could not be opened %d times in a row; the session steps over it.\n", nameOf(info).c_str(),
+       m_openFailures);
+  m_skipped.push_back(info);
+  m_openFailures = 0;
+}
+
+bool CSessionCursor::findAfterOnce(uint32_t t, RecordFileName& out) {
   const uint32_t b = gatherBegin();
   const uint32_t e = gatherEnd();
   const uint32_t nearBegin = std::max(b, t);
@@ -51,7 +96,7 @@ bool CSessionCursor::findAfter(uint32_t t, RecordFileName& out) {
   return findFirstFileEndingAfter(m_env.query, *m_fs, m_streamId, b, e, t, out);
 }
 
-bool CSessionCursor::findBefore(uint32_t t, RecordFileName& out) {
+bool CSessionCursor::findBeforeOnce(uint32_t t, RecordFileName& out) {
   const uint32_t b = gatherBegin();
   const uint32_t e = gatherEnd();
   const uint32_t nearBegin = t > b + kNearWindowSeconds ? t - kNearWindowSeconds : b;
@@ -127,8 +172,10 @@ int32_t CSessionCursor::open(const RecordFileName& info, uint32_t time, int32_t 
   auto file = std::make_unique<CRecordFile>(*m_fs, info);
   if (!file->openForRead()) {
     CLOG(ERROR, "Open file failed. maybe renamed, try again later. return retry\n");
+    noteOpenFailure(info);
     return 0;
   }
+  m_openFailures = 0;
   std::unique_ptr<CRecordFile> previous = std::move(m_file);
   m_file = std::move(file);
   if (m_file->state() == CRecordFile::STATE_NOT_CLOSED) borrowWriterIndex();

@@ -10,6 +10,13 @@
 // when that finds nothing: a session over a month of files lists a few files
 // per step, not all.
 //
+// A listed file that cannot be opened is normally one renamed meanwhile (its
+// writer closed it), found under its new name by the next lookup. One that
+// fails kMaxOpenFailures times in a row under the same name is damaged (a
+// directory or something else that merely looks like a record file): from
+// then on the lookups step over it, so that it costs the session that file
+// and not the whole session.
+//
 // The cursor owns the open file. A file still being written borrows its live
 // index from the stream's writer (the table of files being written), so that
 // every read order works on it.
@@ -19,6 +26,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "EngineEnv.h"
 #include "RecordFile.h"
@@ -32,6 +40,7 @@ class CSessionCursor {
  public:
   // Listing window tried first around a time, seconds (two record files).
   static constexpr uint32_t kNearWindowSeconds = 7200;
+  static constexpr int kMaxOpenFailures = 50;
 
   CSessionCursor(std::shared_ptr<CZarnFileSystem> fs, const EngineEnv& env, uint32_t streamId, uint32_t beginTime,
                  uint32_t endTime, ReaderLogContext log);
@@ -76,6 +85,11 @@ class CSessionCursor {
   uint64_t calcOffsetByTime(uint32_t beginTime, uint32_t endTime, uint32_t time, uint64_t fileSize) const;
 
  private:
+  bool findAfterOnce(uint32_t t, RecordFileName& out);
+  bool findBeforeOnce(uint32_t t, RecordFileName& out);
+  bool isSkipped(const RecordFileName& info) const;
+  // Counts a failed open of `info`; past the limit the file is stepped over.
+  void noteOpenFailure(const RecordFileName& info);
   // The session's listing range: inclusive at both ends, as listings take [b, e).
   uint32_t gatherBegin() const;
   uint32_t gatherEnd() const;
@@ -89,6 +103,9 @@ class CSessionCursor {
   std::unique_ptr<CRecordFile> m_file;
   std::unique_ptr<CRecordFile> m_previous;
   RecordFileName m_info;  // the listing entry the current file was opened from
+  RecordFileName m_failing;  // the file whose opens fail, and how often in a row
+  int m_openFailures = 0;
+  std::vector<RecordFileName> m_skipped;  // files stepped over (never opened)
   const ReaderLogContext m_log;
 };
 

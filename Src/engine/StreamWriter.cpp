@@ -62,7 +62,9 @@ int32_t CStreamWriter::writeFrame(const VeltoFrame* frame, uint32_t frameTime, u
     WLOG(WARN, "drop the frame because of Stream Closed!\n");
     return 0;
   }
-  if (frame == nullptr || frame->frame == nullptr || !checkFrameHead(frame->frame) || !checkFrameTail(*frame)) {
+  // The SVC screening walks the extension area: it must lie inside the frame.
+  if (frame == nullptr || frame->frame == nullptr || !checkFrameHead(frame->frame) ||
+      !frameLayoutFits(frame->frame) || !checkFrameTail(*frame)) {
     WLOG(WARN, "drop the frame because of Invalid Frame!\n");
     return 0;
   }
@@ -381,7 +383,15 @@ int32_t CStreamWriter::flushFrame() {
   }
   CAutoLock run(itemMutex());
   if (!m_curFile) return 0;  // nothing written yet: nothing to pad
+  // The stripe comes from the host unchecked: a padding frame must be one that
+  // readers take (below the maximum frame size), and no flush pads more than
+  // kMaxPaddingBytes. A refused flush leaves the file as it is, not faulted.
   const uint32_t stripe = CMediaValues::instance().ecStripeSize.load();
+  if (stripe == 0 || stripe >= currentMaxFrameSize() || stripe > kMaxPaddingBytes) {
+    WLOG(ERROR, "flushFrame refused: a stripe of %u bytes is not in 1..%u and below the maximum frame size %u.\n",
+         stripe, kMaxPaddingBytes, currentMaxFrameSize());
+    return -3;
+  }
   if (m_padding.size() != stripe) m_padding.assign(stripe, 0);
   // A file already on a boundary receives a whole stripe, deliberately.
   const uint32_t fill = stripe - static_cast<uint32_t>(m_curFile->length() % stripe);

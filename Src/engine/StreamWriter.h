@@ -58,6 +58,8 @@ class CStreamWriter : public CAsyncEngine {
   static constexpr uint32_t kTimeHopSeconds = 601;
   static constexpr int32_t kMaxCutsInProgress = 10;
   static constexpr uint32_t kForceCutWaitMs = 10000;
+  // The most a flush pads (one stripe): 16 MiB, 512 data shards of 32 KiB.
+  static constexpr uint32_t kMaxPaddingBytes = 16u << 20;
 
   CStreamWriter(std::shared_ptr<CZarnFileSystem> fs, uint32_t sid, int16_t type, bool sync, const EngineEnv& env);
   ~CStreamWriter() override;
@@ -66,7 +68,8 @@ class CStreamWriter : public CAsyncEngine {
   // bytes taken (the frame length), 0 when the frame was not taken.
   int32_t writeFrame(const VeltoFrame* frame, uint32_t frameTime, unsigned long long& written);
   // Pads the current file to the next stripe boundary with a padding frame
-  // (sync writers only; an async writer aborts). 0 or -3.
+  // (sync writers only; an async writer aborts). 0 or -3 (a write fault, or a
+  // stripe that no padding frame can fill: then the file stays as it is).
   int32_t flushFrame();
   // Cuts the current file at the next key frame if it holds frames from before
   // `time`; waits for the cut at most 10 s. true when done (or nothing to cut).

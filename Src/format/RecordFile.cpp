@@ -34,6 +34,44 @@ bool RecordInfo::isValid() const {
   return std::memcmp(magic, kInfoMagic, sizeof(kInfoMagic)) == 0 && crc == Velto::Kandu::crc32(this, kCrcSpan);
 }
 
+bool checkRecordInfoLayout(const RecordInfo& info, uint64_t fileSize, bool indexFile, uint64_t recordFileSize,
+                           const char*& why) {
+  const uint64_t indexEnd = info.indexOffset + info.indexLength;  // no wrap: the offset is checked first
+  if (info.indexLength % sizeof(IndexEntry) != 0) {
+    why = "index length is not a whole number of entries";
+  } else if (fileSize < RecordInfo::kSize || info.indexOffset > fileSize - RecordInfo::kSize ||
+             indexEnd != fileSize - RecordInfo::kSize) {
+    why = "index region and record info do not end the file";
+  } else if (indexFile ? info.indexOffset != 0 || info.dataLength > recordFileSize
+                       : info.indexOffset != info.dataLength) {
+    why = indexFile ? "index file entries do not start the file, or its data length exceeds the record file"
+                    : "index region does not follow the data";
+  } else if (info.beginTime > info.endTime) {
+    why = "index ends before it begins";
+  } else {
+    return true;
+  }
+  return false;
+}
+
+bool checkIndexEntries(const IndexEntry* entries, size_t count, uint64_t dataLength, uint32_t beginTime,
+                       uint32_t endTime, const char*& why) {
+  for (size_t i = 0; i < count; ++i) {
+    const IndexEntry& e = entries[i];
+    if (i > 0 && e.offset() <= entries[i - 1].offset()) {
+      why = "entry offsets are not increasing";
+    } else if (dataLength < kMinFrameSize || e.offset() > dataLength - kMinFrameSize) {
+      why = "an entry points past the data";
+    } else if (e.time < beginTime || e.time > endTime || (i > 0 && e.time < entries[i - 1].time)) {
+      why = "entry times leave the index's span or go back";
+    } else {
+      continue;
+    }
+    return false;
+  }
+  return true;
+}
+
 CRecordFile::CRecordFile(CZarnFileSystem& fs, const RecordFileName& name) : m_fs(fs), m_name(name) {}
 
 CRecordFile::~CRecordFile() {
@@ -225,11 +263,21 @@ int16_t CRecordFile::decLockCount(bool reset) {
   return m_lockCount;
 }
 
-bool CRecordFile::loadRecordInfo(CFile& file) {
+bool CRecordFile::loadRecordInfo(CFile& file, bool indexFile) {
   RecordInfo info{};
-  if (file.seek(-static_cast<int64_t>(RecordInfo::kSize), 2) < 0 ||
-      !blockRead(file, &info, RecordInfo::kSize, kInfoReadLimitMs) || !info.isValid()) {
+  ZarnFileStat st;
+  ZarnFileStat record;
+  const char* why = "unreadable, or its magic or CRC is wrong";
+  bool ok = file.stat(st) && file.seek(-static_cast<int64_t>(RecordInfo::kSize), 2) >= 0 &&
+            blockRead(file, &info, RecordInfo::kSize, kInfoReadLimitMs) && info.isValid();
+  // The sizes of both files bound every field before it is used.
+  if (ok) {
+    ok = (!indexFile || (m_file && m_file->stat(record))) &&
+         checkRecordInfoLayout(info, st.size, indexFile, indexFile ? record.size : st.size, why);
+  }
+  if (!ok) {
     ZLOG(WARN, "CRecordFile", 0, "load record info failed.\n");
+    ZLOG(WARN, "CRecordFile", 0, "record info of %s refused: %s\n", m_fullName.c_str(), why);
     return false;
   }
   m_info = info;
@@ -240,15 +288,28 @@ bool CRecordFile::loadRecordInfo(CFile& file) {
 }
 
 bool CRecordFile::loadRecordIndex(CFile& file) {
-  // A closed file without any key frame has no index to load.
-  if (m_info.indexLength == 0 || m_info.indexLength % sizeof(IndexEntry) != 0) {
+  // A closed file without any key frame has no index to load. The length was
+  // bounded by the file's size when the info was checked.
+  if (m_info.indexLength == 0) {
     ZLOG(WARN, "CRecordFile", 0, "load record index failed.\n");
     return false;
   }
   std::vector<IndexEntry> entries(m_info.indexLength / sizeof(IndexEntry));
+  const char* why = nullptr;
   if (file.seek(static_cast<int64_t>(m_info.indexOffset), 0) < 0 ||
       !blockRead(file, entries.data(), m_info.indexLength, kInfoReadLimitMs)) {
     ZLOG(WARN, "CRecordFile", 0, "load record index failed.\n");
+    return false;
+  }
+  // Index times lie within the record info's span, and that within the name's.
+  if (m_info.beginTime < m_name.beginTime || m_info.endTime > m_name.endTime) {
+    why = "the index's span leaves the file's name";
+  } else {
+    checkIndexEntries(entries.data(), entries.size(), m_info.dataLength, m_info.beginTime, m_info.endTime, why);
+  }
+  if (why != nullptr) {
+    ZLOG(WARN, "CRecordFile", 0, "load record index failed.\n");
+    ZLOG(WARN, "CRecordFile", 0, "index of %s refused: %s\n", m_fullName.c_str(), why);
     return false;
   }
   auto index = std::make_shared<CRecordFileIndex>();
@@ -265,7 +326,7 @@ bool CRecordFile::loadRecordIndex(CFile& file) {
 
 bool CRecordFile::loadFromRecordFile() {
   ZLOG(DEBUG, "CRecordFile", 0, "load from Record file\n");
-  return loadRecordInfo(*m_file) && loadRecordIndex(*m_file);
+  return loadRecordInfo(*m_file, false) && loadRecordIndex(*m_file);
 }
 
 bool CRecordFile::loadFromIndexFile() {
@@ -279,7 +340,7 @@ bool CRecordFile::loadFromIndexFile() {
     ZLOG(WARN, "CRecordFile", getLastError(), "open index file failed. %s\n", path.c_str());
     return false;
   }
-  bool ok = loadRecordInfo(*file) && loadRecordIndex(*file);
+  bool ok = loadRecordInfo(*file, true) && loadRecordIndex(*file);
   file->close();
   return ok;
 }

@@ -50,6 +50,23 @@ struct RecordInfo {
 static_assert(sizeof(RecordInfo) == 64 && offsetof(RecordInfo, indexOffset) == 16 &&
               offsetof(RecordInfo, dataLength) == 32 && offsetof(RecordInfo, crc) == 60);
 
+// What a record info read from a file must agree with before any of its fields
+// is used to allocate, seek or bound a read. In a record file the index region
+// follows the data (offset = data length) and the info ends the file; in an
+// index file the entries come first (offset 0) and the info ends that file,
+// and the data length is the record file's, at most `recordFileSize`. Index
+// times run from begin to end. `fileSize` is the size of the file the info was
+// read from. false, with the first disagreement in `why`, when they differ.
+bool checkRecordInfoLayout(const RecordInfo& info, uint64_t fileSize, bool indexFile, uint64_t recordFileSize,
+                           const char*& why);
+
+// What index entries must agree with before a reader steps through them: frame
+// offsets strictly increasing, every frame (a head and a tail at least) inside
+// the data; times not decreasing and within [beginTime, endTime]. A reader that
+// trusted an unsorted index would binary-search it into a loop.
+bool checkIndexEntries(const IndexEntry* entries, size_t count, uint64_t dataLength, uint32_t beginTime,
+                       uint32_t endTime, const char*& why);
+
 class CRecordFile : public IFileListener {
  public:
   enum Mode : int32_t { MODE_NONE = 0, MODE_READ = 1, MODE_WRITE = 2 };
@@ -134,7 +151,8 @@ class CRecordFile : public IFileListener {
  private:
   void requireMode(Mode mode) const;
   int64_t storeRead(void* buffer, uint32_t length);
-  bool loadRecordInfo(CFile& file);
+  // `indexFile`: the info ends a separate index file, not this record file.
+  bool loadRecordInfo(CFile& file, bool indexFile);
   bool loadRecordIndex(CFile& file);
   bool writeRecordIndex();
   bool writeRecordInfo();

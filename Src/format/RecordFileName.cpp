@@ -205,11 +205,25 @@ bool parseRecordFileName(const std::string& name, RecordFileName& record) {
   return parseRecordFileName(CMediaValues::instance().bucketPrefix(), name, record);
 }
 
+bool parseListedRecordFileName(const std::string& name, RecordFileName& record) {
+  if (!parseRecordFileName(name, record)) return false;
+  std::string canonical;
+  // The validity rule first (it logs an end before the begin); then the name
+  // must read back as itself.
+  if (isValidRecordFileName(record) && generateRecordFileName(record, canonical) && canonical == name) return true;
+  if (!canonical.empty()) {
+    ZLOG(WARN, "GENERAL", 0, "listed name %s is not a record file name as written (it reads as %s): skipped\n",
+         name.c_str(), canonical.c_str());
+  }
+  record = RecordFileName();
+  return false;
+}
+
 bool nextValidRecordFile(const std::string& bucket, const CFileList& list, size_t& cursor, RecordFileName& record) {
   while (cursor < list.size()) {
     const StoreEntry& entry = list[cursor++];
     RecordFileName candidate;
-    if (!parseRecordFileName(bucket + "/" + entry.name, candidate)) continue;
+    if (!parseListedRecordFileName(bucket + "/" + entry.name, candidate)) continue;
     if (candidate.isIndex != 0 || !isValidRecordFileName(candidate)) continue;
     candidate.size = entry.size;
     record = candidate;

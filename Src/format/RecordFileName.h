@@ -98,6 +98,14 @@ bool generateRecordFileName(const RecordFileName& record, std::string& name);
 bool parseRecordFileName(const std::string& prefix, const std::string& name, RecordFileName& record);
 bool parseRecordFileName(const std::string& name, RecordFileName& record);
 
+// parseRecordFileName for a name found in a listing: the name must also be
+// the one `record` generates. The parse is loose on purpose (a second of 60, an
+// hour of 24, a day level 00, an index state of -1 or past 32 bits all parse
+// and normalise), so a name that does not round-trip stands for another name,
+// one that does not exist in the store, and nothing that read it could open,
+// lock or rename the file. Such names are skipped with a warning.
+bool parseListedRecordFileName(const std::string& name, RecordFileName& record);
+
 // Steps `cursor` through a bucket listing (names relative to `bucket`) and
 // returns in `record` the next entry that is a valid record file (not an index
 // file), with its size from the listing. `cursor` ends past the entry

@@ -14,6 +14,7 @@ namespace {
 constexpr uint32_t kOffType = 4;
 constexpr uint32_t kOffLength = 12;
 constexpr uint32_t kOffPackedTime = 16;
+constexpr uint32_t kOffExtLength = 22;
 constexpr uint32_t kOffChecksum = 23;
 
 // The head magic byte by byte, in stream order.
@@ -87,6 +88,11 @@ bool checkFrameHeadLoud(const uint8_t* head, uint32_t maxFrameSize) {
 }
 
 bool checkFrameHeadLoud(const uint8_t* head) { return checkFrameHeadLoud(head, currentMaxFrameSize()); }
+
+bool frameLayoutFits(const uint8_t* head) {
+  const uint32_t length = loadLe32(head + kOffLength);
+  return length >= kMinFrameSize && kFrameHeadSize + head[kOffExtLength] + kFrameTailSize <= length;
+}
 
 bool checkFrameTail(const uint8_t* tail) { return loadLe32(tail) == kFrameTailMagic; }
 

@@ -13,8 +13,8 @@
 // anew at each call by the overloads without an explicit size.
 //
 // Callers own the bytes and guarantee that at least the 24 head bytes are
-// readable; nothing here checks that E fits inside L or that L covers a head and
-// a tail: a frame is trusted as far as its head check goes.
+// readable. The head check does not check that E fits inside L or that L
+// covers a head and a tail; frameLayoutFits does.
 #pragma once
 
 #include <cstdint>
@@ -63,6 +63,12 @@ bool checkFrameHeadLoud(const uint8_t* head, uint32_t maxFrameSize);
 bool checkFrameHeadLoud(const uint8_t* head);
 // The process-wide maximum frame size, bytes (as set, unchecked, by the host).
 uint32_t currentMaxFrameSize();
+
+// Whether a frame can hold what its head announces: L covers a head and a
+// tail, and the E extension bytes fit between them. The head check does not
+// look at this; whoever walks the extension area must, or the walk reads past
+// the frame.
+bool frameLayoutFits(const uint8_t* head);
 
 // Tail check: the four bytes at `tail` are "qrav". The repeated length that
 // follows is never compared.

@@ -54,7 +54,7 @@ bool CQueryFile::NextQuery() {
   const std::string stem = m_bucketName + "/";
   for (const StoreEntry& entry : page) {
     RecordFileName info;
-    if (!parseRecordFileName(stem + entry.name, info)) continue;
+    if (!parseListedRecordFileName(stem + entry.name, info)) continue;
     info.size = entry.size;
     m_pending.push_back(info);
   }

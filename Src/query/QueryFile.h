@@ -8,7 +8,7 @@
 // page starts after the last name of a full one.
 //
 // Entries come out as parsed RecordFileName with the listing's size; names that
-// do not parse are dropped, everything else (index files, names with odd
+// do not parse, or do not read back as themselves, are dropped, everything else (index files, names with odd
 // times) is handed on for the caller to filter.
 //
 // Threading: one cursor is used by one thread. Several cursors may walk the

@@ -33,6 +33,13 @@ bool isQueryableRecord(const RecordFileName& info) {
       ZLOG(ERROR, "GENERAL", 0, "time is not sync, endTS[%u], beginTS[%u]\n", info.endTime, info.beginTime);
       return false;
     }
+    // An end string before the begin's time of day reads as the next day: a
+    // span of nearly a day that would hide every file after it.
+    if (info.endTime - info.beginTime > kQueryLookBackSeconds) {
+      ZLOG(WARN, "GENERAL", 0, "record file of stream %u spans %u s, longer than any record file: skipped\n",
+           info.streamId, info.endTime - info.beginTime);
+      return false;
+    }
     return true;
   }
   return info.lockCount == 0 && info.indexState == 0;
@@ -71,9 +78,20 @@ int32_t buildClipList(const char* function, const QueryEnv& env, CZarnFileSystem
 
   submitFilesNeedingIndex(env.indexFix, fs, files);
 
+  // Checked after every file: one file adds at most its span / durationPerClip pieces.
+  const size_t before = clips.size();
+  auto tooMany = [&] {
+    if (clips.size() - before <= kMaxClipListEntries) return false;
+    clips.resize(before);
+    ZLOG_IN(ERROR, "GENERAL", function, 0,
+            "more than %zu clips of %u s: refused, ask for longer clips or a shorter range\n", kMaxClipListEntries,
+            durationPerClip);
+    return true;
+  };
   RecordClip clip{};
   bool haveClip = false;
   for (const RecordFileName& file : files) {
+    if (tooMany()) return -1;
     if (haveClip && mergeIntoClip(file, clip)) {
       splitClip(clip, beginTS, endTS, clips, durationPerClip, aligned, false);
       continue;
@@ -88,6 +106,7 @@ int32_t buildClipList(const char* function, const QueryEnv& env, CZarnFileSystem
   if (haveClip && clip.beginTime != clip.endTime) {
     splitClip(clip, beginTS, endTS, clips, durationPerClip, aligned, true);
   }
+  if (tooMany()) return -1;
   logClipSummary(function, clips);
   return 0;
 }
@@ -346,6 +365,11 @@ int32_t queryRecordFileList(const QueryEnv& env, CZarnFileSystem& fs, uint32_t s
     return -1;
   }
   if (count == 0) return 0;
+  if (records.size() > kMaxFileListEntries) {
+    ZLOG(ERROR, "GENERAL", 0, "%zu files: more than %zu, refused, ask for a shorter range\n", records.size(),
+         kMaxFileListEntries);
+    return -1;
+  }
   for (const RecordFileName& record : records) {
     RecordClipEx entry{};
     // Gathered records are valid, so naming cannot fail; the entry would
@@ -364,15 +388,25 @@ int32_t queryRecordStatus(const QueryEnv& env, CZarnFileSystem& fs, uint32_t str
     ZLOG(ERROR, "GENERAL", 0, "parameter error, statisticInterval cannot be 0\n");
     return -1;
   }
+  if (endTS < beginTS) {
+    ZLOG(ERROR, "GENERAL", -1, "parameter error, endTS[%u] is before beginTS[%u]\n", endTS, beginTS);
+    return -1;
+  }
+  // 64-bit: with an interval near 2^32 the 32-bit rounding up wraps to no bits.
+  const uint64_t bits = (static_cast<uint64_t>(endTS - beginTS) + interval - 1) / interval;
+  if (bits > kMaxStatusBits) {
+    ZLOG(ERROR, "GENERAL", 0, "%" PRIu64 " status bits: more than %" PRIu64 ", refused, ask for a larger step\n",
+         bits, kMaxStatusBits);
+    return -1;
+  }
   std::vector<RecordClip> clips;
   if (queryAlignedClipList(env, fs, streamId, beginTS, endTS, clips, interval) != 0) {
     // Deliberately not a failure: the bitmap shows what could be found.
     ZLOG(ERROR, "GENERAL", 0, "queryAlignedClipList failed\n");
   }
-  const uint32_t bits = (endTS - beginTS + interval - 1) / interval;
   status.assign(bits, false);
   for (const RecordClip& clip : clips) {
-    const uint32_t bit = (clip.beginTime - beginTS + 1) / interval;
+    const uint64_t bit = (static_cast<uint64_t>(clip.beginTime - beginTS) + 1) / interval;
     if (bit < bits) status[bit] = true;
   }
   ZLOG(TRACE, "GENERAL", 0, "recordStatus size = %zu\n", status.size());

@@ -53,11 +53,20 @@ inline constexpr uint32_t kRecordListPageSize = 1000;
 // A durationPerClip of all ones is read as this (30 days), so that piece ends
 // stay far from the 32-bit limit.
 inline constexpr uint32_t kMaxDurationPerClip = 2592000;
+// Answers are bounded: a query whose answer would hold more entries is
+// refused (-1, with a log line) rather than filling memory. A clip list holds
+// at most 2,000,000 clips (about 48 MB), a file list 200,000 files (a year of
+// 3-minute files; about 56 MB), a status bitmap 1,000,000 bits (a year at
+// one bit a minute).
+inline constexpr size_t kMaxClipListEntries = 2000000;
+inline constexpr size_t kMaxFileListEntries = 200000;
+inline constexpr uint64_t kMaxStatusBits = 1000000;
 
 // Appends to `out` every record file of the stream's bucket of `bucketKind`
 // (RecordBucketKind) that overlaps [beginTS, endTS), skipping index files,
-// inconsistent names and withdrawn files (index state 4), and completing files
-// without an end. Returns the number of entries `out` holds afterwards (all of
+// inconsistent names (an end before the begin, or a span longer than
+// kQueryLookBackSeconds, which no record file has and no listing could find),
+// withdrawn files (index state 4), and completing files without an end. Returns the number of entries `out` holds afterwards (all of
 // them, not only those appended), or 0 when the bucket cannot be opened (a
 // missing bucket is an empty answer, not a failure).
 int32_t listRecordFileInfo(const QueryEnv& env, CZarnFileSystem& fs, uint32_t streamId, uint32_t beginTS, uint32_t endTS,
@@ -117,7 +126,8 @@ bool findLastFileBeginningBefore(const QueryEnv& env, CZarnFileSystem& fs, uint3
                                  uint32_t t, RecordFileName& outInfo);
 
 // The facade's queries. 0 on success (an empty or missing bucket included),
-// -1 on failure or a zero duration/interval.
+// -1 on failure, a zero duration/interval, an end before the begin, or an
+// answer beyond the bounds above (the caller's vector is then as it was).
 //
 // Clips of at most durationPerClip seconds: files that follow each other
 // (gap 0 or 1 s) with the same lock state and type are merged, then cut.

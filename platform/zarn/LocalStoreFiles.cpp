@@ -238,7 +238,9 @@ int CLocalStoreBackend::openFile(const std::string& bucket, const std::string& n
   if (mode != StoreOpenMode::Read && mode != StoreOpenMode::Write) return ZARN_E_INVALID_ARGUMENT;
   const bool forWrite = mode == StoreOpenMode::Write;
   std::string path = m_shared->filePath(bucket, name);
-  int flags = (forWrite ? O_WRONLY | O_APPEND : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC;
+  // O_NONBLOCK: a FIFO or device placed at a file's name must be refused
+  // below, not block this thread in open() until someone writes into it.
+  int flags = (forWrite ? O_WRONLY | O_APPEND : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
   int fd = ::open(path.c_str(), flags);
   if (fd < 0) {
     int err = errno;
@@ -251,6 +253,7 @@ int CLocalStoreBackend::openFile(const std::string& bucket, const std::string& n
     ::close(fd);
     return dir ? ZARN_E_IS_DIRECTORY : ZARN_E_NO_SUCH_FILE;
   }
+  ::fcntl(fd, F_SETFL, forWrite ? O_APPEND : 0);  // a regular file: blocking I/O as usual
   if (forWrite) {
     int attempt = 0;
     while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {

@@ -182,6 +182,10 @@ expect_fail "range without recordings" 5 "nothing is recorded for stream 7" \
   "$ZM" export --store "$store" --stream 7 --from "2024-05-01 14:00:00" --to "2024-05-01 15:00:00" -o x.mp4
 expect_fail "bad time" 2 "is not a time" "$ZM" clips --store "$store" --stream 7 --from "2024-02-30 00:00:00"
 expect_fail "no store" 3 "no store at" "$ZM" clips --store "$work/nothing" --stream 7
+mkdir -p "$work/some-dir"
+expect_fail "a directory that is no store" 3 "it has no media_system" "$ZM" files --store "$work/some-dir" --stream 7
+[ -e "$work/some-dir/media_system" ] && bad "a read-only command made a store of a directory" ||
+  pass "read-only commands leave other directories alone"
 touch plain.file
 expect_fail "store is a file" 3 "cannot open the store" "$ZM" record --store plain.file --stream 7 in.mp4
 expect_fail "unknown output type" 2 "unknown output type" "$ZM" export --store "$store" --stream 7 -o x.avi

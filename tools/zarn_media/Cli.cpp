@@ -274,6 +274,13 @@ int CStore::open(const COptions& options, bool mustExist, int maxFrameSize) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0) return fail(kExitStore, "no store at '%s': %s", address.c_str(), std::strerror(errno));
     if (!S_ISDIR(st.st_mode)) return fail(kExitStore, "cannot open the store at '%s': not a directory", address.c_str());
+    // Opening a store makes its system files: a command that only reads must
+    // not turn any directory it is given into a store.
+    const std::string system = path + "/media_system";
+    if (::stat(system.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      return fail(kExitStore, "no store at '%s': it has no media_system (nothing was ever recorded there)",
+                  address.c_str());
+    }
   }
   m_client = std::make_unique<Velto::Zarn::CMediaClient>();
   m_client->setTimeZoneDiff(0);  // frames carry UTC; the store's scale is UTC too
