@@ -7,10 +7,10 @@ elseif(ZARN_SANITIZE STREQUAL "address")
   # library (std::function inside std::regex, for one): both sanitizer builds
   # drop that warning; the normal build keeps it.
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined
-                      -Wno-maybe-uninitialized)
+                      $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   add_link_options(-fsanitize=address,undefined)
 elseif(ZARN_SANITIZE STREQUAL "thread")
-  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer -Wno-maybe-uninitialized)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   add_link_options(-fsanitize=thread)
 else()
   message(FATAL_ERROR "ZARN_SANITIZE must be none, address or thread (got '${ZARN_SANITIZE}')")

@@ -1,5 +1,7 @@
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow=local -Wnon-virtual-dtor
-                    -Wcast-align -Wformat=2 -Wimplicit-fallthrough)
+add_compile_options(-Wall -Wextra -Wpedantic -Wnon-virtual-dtor -Wcast-align -Wformat=2 -Wimplicit-fallthrough)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_compile_options(-Wshadow=local)
+endif()
 if(ZARN_WARNINGS_AS_ERRORS)
   add_compile_options(-Werror)
 endif()
