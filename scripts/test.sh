@@ -3,8 +3,10 @@
 # (three OSDs, so that the erasure-coded pool exists), then builds and runs the
 # whole test suite twice against the local store and that cluster: a normal
 # build and an address+undefined sanitizer build. Warnings are errors here.
+# Then the fuzz targets run for a minute each under the same sanitizers.
 # Usage: scripts/test.sh [normal|address|thread ...]
-# ZARN_TEST_CEPH=0 skips the cluster (the Ceph tests then skip and say so).
+# ZARN_TEST_CEPH=0 skips the cluster (the Ceph tests then skip and say so);
+# ZARN_FUZZ_SECONDS sets the time per fuzz target (default 60; 0 skips them).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 variants=("$@")
@@ -16,10 +18,13 @@ for variant in "${variants[@]}"; do
   esac
 done
 
+fuzz_seconds=${ZARN_FUZZ_SECONDS:-60}
+extras=()
+[ "$fuzz_seconds" != 0 ] && extras+=(fuzz)
 if [ "${ZARN_TEST_CEPH:-1}" = 0 ]; then
-  bash scripts/install-deps.sh
+  bash scripts/install-deps.sh "${extras[@]}"
 else
-  bash scripts/install-deps.sh ceph
+  bash scripts/install-deps.sh ceph "${extras[@]}"
   cluster=$(mktemp -d "${TMPDIR:-/tmp}/zarn-test-ceph.XXXXXX")
   trap 'bash scripts/ceph-cluster-stop.sh "$cluster" --wipe >&2 || true' EXIT
   echo "== Ceph test cluster in $cluster"
@@ -46,3 +51,8 @@ for variant in "${variants[@]}"; do
     ZARN_LOG_LEVEL=${ZARN_LOG_LEVEL:-off} ctest --test-dir "$dir" -j2 --output-on-failure --timeout 300
   fi
 done
+
+if [ "$fuzz_seconds" != 0 ]; then
+  echo "== fuzz targets, ${fuzz_seconds} s each"
+  bash scripts/fuzz.sh "$fuzz_seconds"
+fi

@@ -59,7 +59,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s DIR\n", argv[0]);
     return 2;
   }
-  Velto::Kandu::setLogLevel(Velto::Kandu::LOG_ERROR);
+  Velto::Kandu::setLogLevel(Velto::Kandu::LOG_OFF);  // a new store and SVC screening log as they go
   const fs::path out = argv[1];
   for (const char* target : {"frame", "record_file", "record_name", "config"}) fs::create_directories(out / target);
   const fs::path storeDir = out / "store.tmp";
