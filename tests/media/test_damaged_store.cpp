@@ -13,7 +13,9 @@
 #include <vector>
 
 #include "DamagedStore.h"
+#include "FaultInjectingBackend.h"
 #include "KanduTime.h"
+#include "LocalStoreBackend.h"
 #include "MediaClientInternal.h"
 #include "MediaValues.h"
 #include "RecordQuery.h"
@@ -226,6 +228,34 @@ TEST_F(DamagedStoreTest, ANameEndingBeforeItBeginsHidesNothingAfterIt) {
   std::vector<uint32_t> expected = all(10);
   expected.insert(expected.end(), expected.begin(), expected.end());
   EXPECT_EQ(play(m_client, T, T + 49, false, false), expected);
+}
+
+// A listed file whose every open fails (the store refuses it) is stepped over:
+// playback goes on with the file after it instead of retrying for ever.
+TEST_F(DamagedStoreTest, AListedFileThatNeverOpensIsSteppedOver) {
+  std::shared_ptr<CFaultInjectingBackend> backend;
+  const std::string root = m_dir.sub("faulty");
+  registerStoreBackend("faulty", [&backend, root](const std::string&, std::shared_ptr<IStoreBackend>& out) {
+    backend = std::make_shared<CFaultInjectingBackend>(makeLocalStoreBackend(root));
+    out = backend;
+    return 0;
+  });
+  CMediaClientInternal client;
+  ASSERT_EQ(client.initialize(Config{"faulty://store", 0, "root", ""}, nullptr), 0);
+  RecordFileBytes first = buildRecordFile(kSid, T, 10), second = buildRecordFile(kSid, T + 10, 10),
+                  third = buildRecordFile(kSid, T + 20, 10);
+  for (RecordFileBytes* f : {&first, &second, &third}) putFile(*client.storeForTest(), f->path(), f->bytes);
+  FaultRule refuse;
+  refuse.op = StoreOp::OpenFile;
+  refuse.code = ZARN_E_PERMISSION;
+  refuse.nameContains = second.path().substr(second.path().find('/') + 1);
+  backend->addRule(refuse);
+  LogCapture log(Velto::Kandu::LOG_WARN);
+  std::vector<uint32_t> expected = all(10);
+  expected.insert(expected.end(), expected.begin(), expected.end());
+  EXPECT_EQ(play(client, T, T + 29, false, false), expected);
+  EXPECT_TRUE(log.contains("could not be opened 50 times in a row"));
+  registerStoreBackend("faulty", nullptr);
 }
 
 // ---------------------------------------------------------------- host arguments
