@@ -274,13 +274,16 @@ void CStreamReader::doWaitOpenFile() {
     return;
   }
   RLOG(TRACE, "find! then open it.\n");
-  const int32_t result = openRecordFile(info, m_beginTime);
-  if (result == 1) {
-    changeStatus(STATUS_READING, STATUS_WAIT_OPEN_FILE);
-  } else if (result < 0) {
-    changeStatus(STATUS_FAULT, STATUS_WAIT_OPEN_FILE);
+  settleOpen(openRecordFile(info, m_beginTime), STATUS_WAIT_OPEN_FILE);
+}
+
+void CStreamReader::settleOpen(int32_t opened, int32_t from) {
+  if (opened == 1) {
+    changeStatus(STATUS_READING, from);
+  } else if (opened < 0) {
+    changeStatus(STATUS_FAULT, from);
   } else {
-    throttleRetry();
+    throttleRetry();  // renamed meanwhile: the next run searches again
   }
 }
 
@@ -349,14 +352,7 @@ void CStreamReader::doOrderChanged() {
     return;
   }
   RLOG(TRACE, "OrderChanged! find! then open it.\n");
-  const int32_t result = openRecordFile(info, target);
-  if (result == 1) {
-    changeStatus(STATUS_READING, STATUS_ORDER_CHANGED);
-  } else if (result < 0) {
-    changeStatus(STATUS_FAULT, STATUS_ORDER_CHANGED);
-  } else {
-    throttleRetry();
-  }
+  settleOpen(openRecordFile(info, target), STATUS_ORDER_CHANGED);
 }
 
 int32_t CStreamReader::openRecordFile(const RecordFileName& info, uint32_t time) {

@@ -137,6 +137,8 @@ class CStreamReader : public CAsyncEngine {
   // key frame in the reverse orders). 1 opened, 0 retry (renamed meanwhile),
   // -1 fault.
   int32_t openRecordFile(const RecordFileName& info, uint32_t time);
+  // The status after an open from status `from`: Reading, Fault, or a retry.
+  void settleOpen(int32_t opened, int32_t from);
   void clearBuf();
   bool forceStatus(int32_t newStatus);  // retries until set; false once closing
   void kick();                          // submits an idle reader that may run
