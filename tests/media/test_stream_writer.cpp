@@ -517,24 +517,4 @@ TEST_F(StreamWriterTest, AWriteRacingADeleteCompletesOnItsEngine) {
   EXPECT_EQ(inFiles, static_cast<size_t>(recorded.load()));
 }
 
-TEST_F(StreamWriterTest, TheIndexFixScanListsTheLastHourOfRegisteredStreams) {
-  Velto::Kandu::CManualClock clock(Velto::Kandu::systemClock().wallClockMs());
-  CMediaClientInternal client(clock);
-  ZarnTest::LogCapture log(Velto::Kandu::LOG_INFO);
-  ASSERT_EQ(client.setRecyclePolicy(14, 24, 0), 0);
-  ASSERT_EQ(client.addStream(14, 1, true), 0);
-  // A closed file of the hour before the scan without an index, and one from the day before.
-  const uint32_t scanAt = CMediaValues::instance().localNow(clock) + CMediaClientInternal::kFixIndexDelayMs / 1000;
-  ASSERT_TRUE(m_fs->createBucket("media_14"));
-  for (uint32_t age : {600u, 86400u}) {
-    const RecordFileName n{.streamId = 14, .beginTime = scanAt - age, .endTime = scanAt - age + 300, .type = 1};
-    ASSERT_TRUE(m_fs->createFile(ZarnTest::recordPath(n), 1, 1)->close());
-  }
-  ASSERT_EQ(client.initialize(Config{m_store.root.c_str(), 0, "root", ""}, nullptr), 0);
-  clock.advance(CMediaClientInternal::kFixIndexDelayMs);
-  EXPECT_EQ(log.count("check 1 files"), 1u);
-  EXPECT_EQ(log.count("stream totalNum = 1"), 1u);
-  EXPECT_EQ(client.deleteStream(14), 0);
-}
-
 }  // namespace
