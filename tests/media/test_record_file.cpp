@@ -1,6 +1,6 @@
-// Record files and index files on a local store, through a fault-injecting
-// backend: the bytes a close leaves behind, the states a reader sees, and what
-// store faults do to a file.
+// Key-frame indexes in memory, and record files and index files on a local
+// store through a fault-injecting backend: the bytes a close leaves behind, the
+// states a reader sees, and what store faults do to a file.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,6 +12,7 @@
 #include "KanduCrc.h"
 #include "KanduTime.h"
 #include "RecordFile.h"
+#include "RecordFileIndex.h"
 #include "RecordFileName.h"
 #include "TestSupport.h"
 #include "VeltoFrame.h"
@@ -41,11 +42,127 @@ struct TestFrame {
   uint8_t subType;
   uint32_t time;
 };
-const std::vector<TestFrame> kGop = {{FRAME_TYPE_I, 0, T},
-                                     {FRAME_TYPE_P, 0, T},
-                                     {FRAME_TYPE_P, 0, T + 1},
-                                     {FRAME_TYPE_I, 0, T + 2},
-                                     {FRAME_TYPE_P, 0, T + 3}};
+constexpr uint8_t I = FRAME_TYPE_I, P = FRAME_TYPE_P, IMG = FRAME_TYPE_IMAGE;
+
+// Entries (type, sub-type, time, offset); lengths are irrelevant to lookups.
+std::unique_ptr<CRecordFileIndex> makeIndex(
+    std::initializer_list<std::tuple<uint8_t, uint8_t, uint32_t, uint64_t>> entries) {
+  auto index = std::make_unique<CRecordFileIndex>();
+  for (auto [type, sub, time, offset] : entries) index->addIndex(IndexEntry::make(type, sub, time, 100, offset));
+  return index;
+}
+
+TEST(IndexEntry, CarriesAFortyBitOffsetAndATwentyFourBitLength) {
+  const IndexEntry e = IndexEntry::make(I, 2, 0x01020304u, 0x12345678u, (1ull << 32) + 10);
+  uint8_t raw[16];
+  std::memcpy(raw, &e, sizeof(raw));
+  // Type, sub-type, 0, time; the length modulo 2^24 with offset bits 32-39; offset bits 0-31.
+  EXPECT_EQ(Bytes(raw, raw + 16), (Bytes{0xFD, 2, 0, 0, 0x04, 0x03, 0x02, 0x01, 0x78, 0x56, 0x34, 1, 10, 0, 0, 0}));
+  EXPECT_EQ(e.offset(), (1ull << 32) + 10);
+  EXPECT_EQ(e.length24(), 0x345678u);
+  EXPECT_EQ(IndexEntry::make(I, 0, 0, 0, (1ull << 40) - 1).offset(), (1ull << 40) - 1);
+}
+
+TEST(RecordFileIndex, TimesNeverGoBackwards) {
+  ZarnTest::LogCapture log;
+  auto index = makeIndex({{I, 0, 100, 0}, {I, 0, 105, 1000}, {I, 0, 103, 2000}});
+  std::vector<IndexEntry> e = index->entries();
+  ASSERT_EQ(e.size(), 3u);
+  EXPECT_EQ(e[0].time, 100u);
+  EXPECT_EQ(e[1].time, 105u);
+  EXPECT_EQ(e[2].time, 105u);
+  EXPECT_EQ(log.count("Maybe system time was changed."), 1u);
+  EXPECT_EQ(index->beginTime(), 100u);
+  EXPECT_EQ(index->endTime(), 105u);
+
+  index->updateEndTime(104);
+  index->updateEndTime(103);
+  EXPECT_EQ(log.count("the timestamp less than m_endTime."), 2u);     // the addIndex line and one for the run
+  EXPECT_TRUE(index->timeWentBack());
+  index->updateEndTime(110);
+  EXPECT_FALSE(index->timeWentBack());
+  EXPECT_EQ(index->endTime(), 110u);
+}
+
+TEST(RecordFileIndex, PlaybackStartLookups) {
+  // key 100@0, P 101@500, key 110@1000, smart-P 115@1500, key 120@2000
+  auto index =
+      makeIndex({{I, 0, 100, 0}, {P, 0, 101, 500}, {I, 0, 110, 1000}, {P, 1, 115, 1500}, {IMG, 0, 120, 2000}});
+  EXPECT_EQ(index->getIFrameOffset(50), 0u);     // before the first key
+  EXPECT_EQ(index->getIFrameOffset(110), 1000u); // exactly a key in the middle
+  EXPECT_EQ(index->getIFrameOffset(111), 1000u); // one second later
+  EXPECT_EQ(index->getIFrameOffset(101), 0u);    // a non-key entry's time: the key before it
+  EXPECT_EQ(index->getIFrameOffset(115), 1500u); // a smart P frame is a key
+  EXPECT_EQ(index->getIFrameOffset(500), 2000u); // at or after the last key
+
+  EXPECT_EQ(index->getPrevIFrameOffset(110, 0), 0u);     // strictly before
+  EXPECT_EQ(index->getPrevIFrameOffset(999, 0), 2000u);  // after the last key's time
+  EXPECT_EQ(index->getPrevIFrameOffset(100, 0), CRecordFileIndex::kNoOffset);
+  EXPECT_EQ(index->getPrevIFrameOffset(0, 1000), 0u);
+  EXPECT_EQ(index->getPrevIFrameOffset(0, 1200), 1000u);
+  EXPECT_EQ(index->getPrevIFrameOffset(0, 5000), 2000u);
+
+  EXPECT_EQ(index->getIFrameUTC(1000), 110u);
+  EXPECT_EQ(index->getIFrameUTC(1200), 110u);
+  EXPECT_EQ(index->getIFrameUTC(500), 100u);
+  EXPECT_EQ(index->getIFrameUTC(9000), 120u);
+}
+
+TEST(RecordFileIndex, SmartLookupsFallBackToTheNewestKeyFrame) {
+  auto smart = makeIndex({{I, 2, 100, 0}, {I, 0, 110, 1000}, {I, 2, 120, 2000}, {I, 0, 130, 3000}});
+  EXPECT_EQ(smart->getPrevISmartFrameOffset(125, 0), 2000u);
+  EXPECT_EQ(smart->getPrevISmartFrameOffset(120, 0), 2000u);  // the entry itself counts
+  EXPECT_EQ(smart->getPrevISmartFrameOffset(0, 500), 0u);     // by offset: back from the 1000 entry
+  EXPECT_EQ(smart->getPrevISmartFrameOffset(0, 1500), 2000u);
+  size_t cursor = 3;
+  EXPECT_TRUE(smart->getSmartKeyPrev(cursor));
+  EXPECT_EQ(cursor, 2u);
+
+  ZarnTest::LogCapture log;
+  auto plain = makeIndex({{I, 0, 100, 0}, {I, 0, 110, 1000}});
+  EXPECT_EQ(plain->getPrevISmartFrameOffset(105, 0), 1000u);
+  EXPECT_TRUE(log.contains("it is begin."));
+}
+
+TEST(RecordFileIndex, CursorWalksStopAtTheEnds) {
+  auto index = makeIndex({{P, 0, 100, 0}, {I, 0, 101, 10}, {P, 0, 102, 20}, {I, 0, 103, 30}});
+  ZarnTest::LogCapture log;
+  size_t c = 0;
+  ASSERT_TRUE(index->getKeyBegin(c));
+  EXPECT_EQ(c, 1u);
+  EXPECT_FALSE(index->getKeyPrev(c));
+  EXPECT_TRUE(log.contains("it is begin."));
+  ASSERT_TRUE(index->getKeyNext(c));
+  EXPECT_EQ(c, 3u);
+  EXPECT_FALSE(index->getKeyNext(c));
+  EXPECT_TRUE(log.contains("it is end."));
+  ASSERT_TRUE(index->getKeyEnd(c));
+  EXPECT_EQ(c, 3u);
+  ASSERT_TRUE(index->getKeyPrev(c));
+  EXPECT_EQ(c, 1u);
+}
+
+TEST(RecordFileIndex, WithoutKeyEntriesNothingIsFound) {
+  ZarnTest::LogCapture log;
+  auto index = makeIndex({{P, 0, 100, 0}, {P, 0, 101, 10}});
+  EXPECT_EQ(index->getIFrameOffset(100), CRecordFileIndex::kNoOffset);
+  EXPECT_TRUE(log.contains("not find begin key index."));
+  EXPECT_EQ(index->getPrevIFrameOffset(100, 0), CRecordFileIndex::kNoOffset);
+  EXPECT_EQ(index->getIFrameUTC(0), 0u);
+  EXPECT_EQ(index->getPrevISmartFrameOffset(100, 0), CRecordFileIndex::kNoOffset);
+  size_t c = 0;
+  EXPECT_FALSE(index->getKeyBegin(c));
+  EXPECT_FALSE(index->getKeyEnd(c));
+}
+
+TEST(RecordFileIndexDeathTest, AddingToACompleteIndexAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  CRecordFileIndex index;
+  index.setComplete();
+  EXPECT_DEATH(index.addIndex(IndexEntry::make(I, 0, 1, 1, 0)), "");
+}
+
+const std::vector<TestFrame> kGop = {{I, 0, T}, {P, 0, T}, {P, 0, T + 1}, {I, 0, T + 2}, {P, 0, T + 3}};
 
 // Appends `value` little-endian.
 template <typename V>
@@ -133,7 +250,7 @@ TEST_F(RecordFileTest, CloseAppendsIndexAndInfoAndRenamesToTheClosedName) {
   // with offset bits 32-39, offset bits 0-31), then the record info.
   Bytes tail;
   for (auto [time, offset] : {std::pair{T, 0u}, std::pair{T + 2, 3 * kFrameLen}}) {
-    put(tail, uint32_t{FRAME_TYPE_I});
+    put(tail, uint32_t{I});
     put(tail, time);
     put(tail, kFrameLen);
     put(tail, offset);
@@ -143,7 +260,7 @@ TEST_F(RecordFileTest, CloseAppendsIndexAndInfoAndRenamesToTheClosedName) {
   const Bytes bytes = readWhole(recordPath(closed));
   ASSERT_EQ(bytes.size(), D + tail.size());
   EXPECT_EQ(Bytes(bytes.begin() + static_cast<long>(D), bytes.end()), tail);
-  EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + kFrameLen), ZarnTest::makeFrame(FRAME_TYPE_I, 0, 0, T, kPayload));
+  EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + kFrameLen), ZarnTest::makeFrame(I, 0, 0, T, kPayload));
 
   CRecordFile reader(m_fs, closed);
   ASSERT_TRUE(reader.openForRead());
@@ -162,7 +279,7 @@ TEST_F(RecordFileTest, AFlippedBitInTheInfoOrNoKeyFrameMakesTheFileMissIndex) {
   for (bool flip : {true, false}) {
     SCOPED_TRACE(flip ? "flipped bit" : "no key frame");
     std::unique_ptr<CRecordFile> file =
-        writing(flip ? kGop : std::vector<TestFrame>{{FRAME_TYPE_P, 0, T + 10}, {FRAME_TYPE_P, 0, T + 11}},
+        writing(flip ? kGop : std::vector<TestFrame>{{P, 0, T + 10}, {P, 0, T + 11}},
                 flip ? T : T + 10);
     ASSERT_TRUE(file->close());
     EXPECT_EQ(file->recordInfo().indexLength, flip ? 32u : 0u);
@@ -220,8 +337,8 @@ TEST_F(RecordFileTest, FailedIndexWriteStillRenamesAndAnIndexFileRepairsIt) {
   // info with index offset 0.
   CIndexFile index(&m_fs, renamed, CRecordFile::MODE_WRITE);
   ASSERT_TRUE(index.open());
-  ASSERT_TRUE(index.addIndex(FRAME_TYPE_I, 0, T, kFrameLen, 0));
-  ASSERT_TRUE(index.addIndex(FRAME_TYPE_I, 0, T + 2, kFrameLen, 3 * kFrameLen));
+  ASSERT_TRUE(index.addIndex(I, 0, T, kFrameLen, 0));
+  ASSERT_TRUE(index.addIndex(I, 0, T + 2, kFrameLen, 3 * kFrameLen));
   index.setEndTime(T + 3);
   index.setDataLength(D);
   ASSERT_TRUE(index.close());
@@ -245,7 +362,7 @@ TEST_F(RecordFileTest, FailedIndexWriteStillRenamesAndAnIndexFileRepairsIt) {
 TEST_F(RecordFileTest, AFailedFirstWriteMakesCloseRemoveTheFile) {
   std::unique_ptr<CRecordFile> file = writing({});
   m_backend.addRule(faultOn(StoreOp::FileWrite, 1));
-  const Bytes frame = ZarnTest::makeFrame(FRAME_TYPE_I, 0, 0, T, kPayload);
+  const Bytes frame = ZarnTest::makeFrame(I, 0, 0, T, kPayload);
   EXPECT_LT(file->write(frame.data(), kFrameLen), 0);
   EXPECT_TRUE(file->isEmptyFileFault());
   EXPECT_EQ(listBucket().size(), 1u);
@@ -266,7 +383,7 @@ TEST_F(RecordFileTest, BlockTransfersRetryZeroByteCallsAndHonourTheirLimit) {
   std::unique_ptr<CFile> out = m_fs.createFile("media_7/blocks", 4, 1);
   ASSERT_TRUE(out);
   m_backend.addRule(faultOn(StoreOp::FileWrite, 3, true));
-  const Bytes frame = ZarnTest::makeFrame(FRAME_TYPE_I, 0, 0, T, kPayload);
+  const Bytes frame = ZarnTest::makeFrame(I, 0, 0, T, kPayload);
   EXPECT_TRUE(blockWrite(*out, frame.data(), kFrameLen));
   EXPECT_GE(m_backend.callCount(StoreOp::FileWrite), 4u);
 
@@ -315,7 +432,7 @@ TEST_F(RecordFileTest, BufferedReadsSeeksAndTellAgreeWithTheBytes) {
   // 300 KB of frames: more than two read buffers.
   Bytes all;
   for (uint32_t i = 0; i < 250; ++i) {
-    Bytes bytes = ZarnTest::makeFrame(i % 25 == 0 ? FRAME_TYPE_I : FRAME_TYPE_P, 0, i, T + i / 25, 1200);
+    Bytes bytes = ZarnTest::makeFrame(i % 25 == 0 ? I : P, 0, i, T + i / 25, 1200);
     ASSERT_EQ(file.write(bytes.data(), static_cast<uint32_t>(bytes.size())), static_cast<int64_t>(bytes.size()));
     all.insert(all.end(), bytes.begin(), bytes.end());
   }
@@ -348,7 +465,7 @@ TEST_F(RecordFileTest, BufferedReadsSeeksAndTellAgreeWithTheBytes) {
   ASSERT_EQ(reader.seek(0, 2), size);
 
   // Bytes appended after the buffer was filled are read once it is used up.
-  const Bytes more = ZarnTest::makeFrame(FRAME_TYPE_P, 0, 250, T + 10, 50);
+  const Bytes more = ZarnTest::makeFrame(P, 0, 250, T + 10, 50);
   ASSERT_EQ(file.write(more.data(), static_cast<uint32_t>(more.size())), static_cast<int64_t>(more.size()));
   Bytes tail(more.size());
   readAll(tail, static_cast<uint32_t>(tail.size()), static_cast<uint32_t>(tail.size()));
