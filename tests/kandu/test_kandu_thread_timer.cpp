@@ -1,6 +1,7 @@
-// Threads, clocks and timer services: schedules on a manual clock (run counts,
-// self-stop, self-restart), waiting stops and destruction, execution time-out
-// warnings, pool size.
+// Threads, synchronisation and timer services: schedules on a manual clock
+// (run counts, self-stop, self-restart), waiting stops and destruction,
+// execution time-out warnings, pool size; the semaphore and the recursive
+// mutex across threads.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -11,15 +12,20 @@
 #include <string>
 #include <vector>
 
+#include "KanduSync.h"
 #include "KanduThread.h"
 #include "KanduTime.h"
 #include "KanduTimer.h"
 #include "TestSupport.h"
 
+using Velto::Kandu::CAutoLock;
 using Velto::Kandu::CManualClock;
+using Velto::Kandu::CMutex;
+using Velto::Kandu::CSemaphore;
 using Velto::Kandu::CThread;
 using Velto::Kandu::CThreadLite;
 using Velto::Kandu::CTimer;
+using Velto::Kandu::monotonicMs;
 using Velto::Kandu::sleepMs;
 using ZarnTest::waitFor;
 
@@ -295,6 +301,78 @@ TEST(TimerServiceTest, PoolGrowsWhileProceduresBlock) {
   EXPECT_GE(Velto::Kandu::timerServiceWorkerCount(), static_cast<uint32_t>(kBlocked));
 }
 
+// ---------------------------------------------------------------- sync
+
+TEST(SemaphoreTest, PendTimesOutWithMinusOneAndTakesCountsWithZero) {
+  CSemaphore sem;
+  uint64_t before = monotonicMs();
+  EXPECT_EQ(sem.pend(50), -1);
+  EXPECT_GE(monotonicMs() - before, 45u);  // waited about as long as asked, not returned at once
+  EXPECT_EQ(sem.pend(0), -1);
+
+  sem.post();
+  sem.post();
+  EXPECT_EQ(sem.pend(0), 0);
+  EXPECT_EQ(sem.pend(1), 0);
+  EXPECT_EQ(sem.pend(0), -1);
+
+  CSemaphore preloaded(3);
+  int taken = 0;
+  while (preloaded.pend(0) == 0) ++taken;
+  EXPECT_EQ(taken, 3);
+}
+
+TEST(SemaphoreTest, InfiniteWaiterIsWokenByPostFromAnotherThread) {
+  CSemaphore sem;
+  std::atomic<int> result{1};
+  CThreadLite waiter("waiter", [&](CThreadLite&) { result = sem.pend(CSemaphore::kInfinite); });
+  ASSERT_TRUE(waiter.create());
+  sleepMs(50);
+  EXPECT_EQ(result.load(), 1);  // still blocked
+  sem.post();
+  EXPECT_TRUE(waitFor([&] { return result.load() == 0; }));
+}
+
+TEST(SemaphoreTest, EveryPostAcrossThreadsIsTakenExactlyOnce) {
+  constexpr int kProducers = 3;
+  constexpr int kPerProducer = 2000;
+  CSemaphore sem;
+  std::atomic<int> taken{0};
+  std::vector<std::unique_ptr<CThreadLite>> threads;
+  for (int c = 0; c < 2; ++c) {
+    threads.push_back(std::make_unique<CThreadLite>("consumer", [&](CThreadLite& self) {
+      while (self.isLooping())
+        if (sem.pend(10) == 0) ++taken;
+    }));
+    ASSERT_TRUE(threads.back()->create());
+  }
+  for (int p = 0; p < kProducers; ++p) {
+    threads.push_back(std::make_unique<CThreadLite>("producer", [&](CThreadLite&) {
+      for (int i = 0; i < kPerProducer; ++i) sem.post();
+    }));
+    ASSERT_TRUE(threads.back()->create());
+  }
+  EXPECT_TRUE(waitFor([&] { return taken.load() == kProducers * kPerProducer; }, 15000));
+  threads.clear();
+  EXPECT_EQ(taken.load(), kProducers * kPerProducer);
+  EXPECT_EQ(sem.pend(0), -1);  // nothing left over
+}
+
+TEST(MutexTest, CMutexIsRecursiveAndExcludesOtherThreads) {
+  CMutex mutex;
+  CAutoLock outer(mutex);
+  {
+    CAutoLock inner(mutex);  // same thread enters again
+    EXPECT_TRUE(mutex.tryLock());
+    mutex.unlock();
+  }
+  std::atomic<int> otherTry{-1};
+  CThreadLite other("other", [&](CThreadLite&) { otherTry = mutex.tryLock() ? 1 : 0; });
+  ASSERT_TRUE(other.create());
+  ASSERT_TRUE(waitFor([&] { return otherTry.load() != -1; }));
+  EXPECT_EQ(otherTry.load(), 0);
+}
+
 // ---------------------------------------------------------------- threads
 
 class CountingThread : public CThread {
@@ -302,6 +380,7 @@ class CountingThread : public CThread {
   CountingThread() : CThread("a counting thread with a long name") {}
   ~CountingThread() override { destroy(); }
   std::atomic<int> loops{0};
+  std::atomic<bool> exited{false};
   std::string osName;
   size_t stackBytes = 0;
 
@@ -315,7 +394,8 @@ class CountingThread : public CThread {
       ::pthread_attr_getstacksize(&attr, &stackBytes);
       ::pthread_attr_destroy(&attr);
     }
-    for (; isLooping(); sleepMs(1)) ++loops;
+    for (exited = false; isLooping(); sleepMs(1)) ++loops;
+    exited = true;
   }
 };
 
@@ -327,12 +407,11 @@ TEST(ThreadTest, CThreadLoopsUntilDestroyedWithNameAndStack) {
   EXPECT_TRUE(thread.isLooping());
   EXPECT_FALSE(thread.create(512));  // already running
   ASSERT_TRUE(waitFor([&] { return thread.loops.load() >= 5; }));
-  thread.destroy();
+  thread.destroy();  // returns once the procedure has
+  EXPECT_TRUE(thread.exited.load());
   EXPECT_FALSE(thread.isRunning());
   EXPECT_FALSE(thread.isLooping());
-  int after = thread.loops.load();
-  sleepMs(30);
-  EXPECT_EQ(thread.loops.load(), after);
+  const int after = thread.loops.load();
   EXPECT_EQ(thread.osName, "a counting thre");  // the OS keeps 15 characters
   EXPECT_GE(thread.stackBytes, 512u * 1024u);
   EXPECT_LT(thread.stackBytes, 8u * 1024u * 1024u);  // not the default size

@@ -18,7 +18,6 @@
 
 using namespace Velto::Zarn;
 using ZarnTest::LogCapture;
-using ZarnTest::TempDir;
 using ZarnTest::waitFor;
 using Velto::Kandu::CManualClock;
 
@@ -51,8 +50,9 @@ class MediaClientTest : public ::testing::Test {
     m_address = address;
     return Config{m_address.c_str(), 0, "root", "secret"};
   }
+  Config localStore() { return config(m_dir.sub("store")); }
 
-  TempDir m_dir;
+  ZarnTest::TempDir m_dir;
   std::string m_address;
   CManualClock m_clock{kStartMs};
 };
@@ -65,7 +65,7 @@ TEST_F(MediaClientTest, FailedStoreInitialisationLeavesAFreshHandleForARetry) {
   EXPECT_EQ(CMediaValues::instance().sdkState.load(), 0u);
   EXPECT_EQ(client.initialize(Config{nullptr, 0, "root", ""}, nullptr), -1);
 
-  EXPECT_EQ(client.initialize(config(m_dir.sub("store")), nullptr), 0);
+  EXPECT_EQ(client.initialize(localStore(), nullptr), 0);
   EXPECT_EQ(CMediaValues::instance().sdkState.load(), 1u);
   EXPECT_TRUE(log.contains("MediaClient initialize success."));
   // The system-file check made the ledger: nothing locked yet.
@@ -79,8 +79,7 @@ TEST_F(MediaClientTest, SystemFileCheckFailureReportsStateTwo) {
   // A guard held open for writing by a "live" creator and no ledger: the check
   // must not create a second ledger behind the creator's back.
   CZarnFileSystem other;
-  std::string store = m_dir.sub("store");
-  Config c = config(store);
+  const Config c = localStore();
   ASSERT_TRUE(other.initialize(c));
   ASSERT_TRUE(other.createBucket(kSystemBucket));
   std::unique_ptr<CFile> guard = other.createFile("media_system/sys.lock", 1, 1);
@@ -104,10 +103,14 @@ TEST_F(MediaClientTest, SystemFileCheckFailureReportsStateTwo) {
 
 TEST_F(MediaClientTest, StateChangesAreDebouncedBeforeTheHostHearsOfThem) {
   CMediaClientInternal client(m_clock);
-  StateRecorder host;
-  ASSERT_EQ(client.initialize(config(m_dir.sub("store")), host.callback()), 0);
-  CZarnFileSystem* fs = client.storeForTest();
+  // Before initialize a change is neither recorded nor reported.
+  client.onZarnStateChanged(client.storeForTest(), ZARN_STATE_FAILED);
+  EXPECT_EQ(CMediaValues::instance().sdkState.load(), 0u);
+  EXPECT_FALSE(client.antiShakeTimerRunningForTest());
 
+  StateRecorder host;
+  ASSERT_EQ(client.initialize(localStore(), host.callback()), 0);
+  CZarnFileSystem* fs = client.storeForTest();
   client.onZarnStateChanged(fs, ZARN_STATE_FAILED);
   m_clock.advance(kDebounceMs - 1);
   EXPECT_TRUE(host.seen().empty());
@@ -117,8 +120,7 @@ TEST_F(MediaClientTest, StateChangesAreDebouncedBeforeTheHostHearsOfThem) {
 
   client.onZarnStateChanged(fs, ZARN_STATE_NORMAL);
   m_clock.advance(kDebounceMs);
-  ASSERT_EQ(host.seen().size(), 2u);
-  EXPECT_EQ(host.seen()[1], ZARN_STATE_NORMAL);
+  EXPECT_EQ(host.seen(), (std::vector<ZarnState>{ZARN_STATE_FAILED, ZARN_STATE_NORMAL}));
   EXPECT_FALSE(client.exceptionTimerRunningForTest());
 
   // 1 -> 2 -> 1 within the delay: one timer run, which sees where it began.
@@ -133,13 +135,6 @@ TEST_F(MediaClientTest, StateChangesAreDebouncedBeforeTheHostHearsOfThem) {
 
   // A repeat of the current state is not a change.
   client.onZarnStateChanged(fs, ZARN_STATE_NORMAL);
-  EXPECT_FALSE(client.antiShakeTimerRunningForTest());
-}
-
-TEST_F(MediaClientTest, StateChangesBeforeInitializeAreNeitherRecordedNorReported) {
-  CMediaClientInternal client(m_clock);
-  client.onZarnStateChanged(client.storeForTest(), ZARN_STATE_FAILED);
-  EXPECT_EQ(CMediaValues::instance().sdkState.load(), 0u);
   EXPECT_FALSE(client.antiShakeTimerRunningForTest());
 }
 
@@ -168,33 +163,44 @@ TEST_F(MediaClientTest, StoreMonitorReachesTheHostThroughTheListener) {
   registerStoreBackend("faulty", nullptr);
 }
 
-TEST_F(MediaClientTest, IndexFixTimerRunsTwentyMinutesAfterInitializeThenHourly) {
-  LogCapture log(Velto::Kandu::LOG_INFO);
+// The scan lists the files of the last hour of every registered stream, first
+// twenty minutes after initialize and then every hour.
+TEST_F(MediaClientTest, IndexFixScanRunsTwentyMinutesAfterInitializeThenHourlyOverRegisteredStreams) {
   CMediaClientInternal client(m_clock);
+  LogCapture log(Velto::Kandu::LOG_INFO);
+  ASSERT_EQ(client.setRecyclePolicy(14, 24, 0), 0);
+  ASSERT_EQ(client.addStream(14, 1, true), 0);
+  // A closed file of the hour before the scan without an index, and one from the day before.
+  CZarnFileSystem other;
+  ASSERT_TRUE(other.initialize(localStore()));
+  ASSERT_TRUE(other.createBucket("media_14"));
+  const uint32_t scanAt = CMediaValues::instance().localNow(m_clock) + CMediaClientInternal::kFixIndexDelayMs / 1000;
+  for (uint32_t age : {600u, 86400u}) {
+    const RecordFileName n{.streamId = 14, .beginTime = scanAt - age, .endTime = scanAt - age + 300, .type = 1};
+    ASSERT_TRUE(other.createFile(ZarnTest::recordPath(n), 1, 1)->close());
+  }
   EXPECT_FALSE(client.fixIndexTimerRunningForTest());
-  ASSERT_EQ(client.initialize(config(m_dir.sub("store")), nullptr), 0);
+  ASSERT_EQ(client.initialize(localStore(), nullptr), 0);
   EXPECT_TRUE(client.fixIndexTimerRunningForTest());
   m_clock.advance(CMediaClientInternal::kFixIndexDelayMs - 1);
-  EXPECT_EQ(log.count("check 0 files"), 0u);
+  EXPECT_EQ(log.count("check 1 files"), 0u);
   m_clock.advance(1);
-  EXPECT_EQ(log.count("check 0 files"), 1u);
-  EXPECT_TRUE(log.contains("stream totalNum = 0"));
+  EXPECT_EQ(log.count("check 1 files"), 1u);
+  EXPECT_EQ(log.count("stream totalNum = 1"), 1u);
   m_clock.advance(2 * CMediaClientInternal::kFixIndexPeriodMs);
-  EXPECT_EQ(log.count("check 0 files"), 3u);
+  EXPECT_EQ(log.count("check 0 files"), 2u);
+  EXPECT_EQ(client.deleteStream(14), 0);
 }
 
 TEST_F(MediaClientTest, SettersValidateWhatTheyMust) {
   CMediaClientInternal client;
   LogCapture log;
   EXPECT_EQ(client.maxLockRatioForTest(), 57);
-  client.setMaxLockRatio(101);
-  client.setMaxLockRatio(-1);
+  for (auto [ratio, kept] : {std::pair{101, 57}, {-1, 57}, {100, 100}, {0, 0}}) {
+    client.setMaxLockRatio(ratio);
+    EXPECT_EQ(client.maxLockRatioForTest(), kept) << ratio;
+  }
   EXPECT_EQ(log.count("setMaxLockRatio failed, ratio must be in 0-100"), 2u);
-  EXPECT_EQ(client.maxLockRatioForTest(), 57);
-  client.setMaxLockRatio(100);
-  EXPECT_EQ(client.maxLockRatioForTest(), 100);
-  client.setMaxLockRatio(0);
-  EXPECT_EQ(client.maxLockRatioForTest(), 0);
 
   CMediaValues& v = CMediaValues::instance();
   client.setDefaultECType(6, 2);
@@ -216,7 +222,7 @@ TEST_F(MediaClientTest, SettersValidateWhatTheyMust) {
 
 TEST_F(MediaClientTest, OperationsWithoutEnginesAnswerWithTheirFailureCodes) {
   CMediaClientInternal client;
-  ASSERT_EQ(client.initialize(config(m_dir.sub("store")), nullptr), 0);
+  ASSERT_EQ(client.initialize(localStore(), nullptr), 0);
   LogCapture log;
   VeltoFrame frame;
   unsigned long long n = 0;
@@ -224,16 +230,6 @@ TEST_F(MediaClientTest, OperationsWithoutEnginesAnswerWithTheirFailureCodes) {
   EXPECT_TRUE(log.contains("stream(5) not find. Pls addStream first!"));
   EXPECT_EQ(client.flushFrame(5), -4);
   EXPECT_EQ(client.deleteStream(5), -1);
-  EXPECT_EQ(client.readFrame(3, &frame, n, false, false), -5);
-  EXPECT_EQ(client.seek(3, 100), -5);
-  EXPECT_EQ(client.deleteSession(3), -1);
-  EXPECT_EQ(client.addStream(5, 1, true), -1);  // no recycling policy and no configured default
-  EXPECT_TRUE(log.contains("addStream(5) failed because of no cover policy!"));
-  // A session needs no engine before it: it is registered at once (its reads
-  // then report the missing record).
-  const int session = client.addSession(5, 1, 2, true);
-  EXPECT_GT(session, 0);
-  EXPECT_EQ(client.deleteSession(static_cast<unsigned>(session)), 0);
   EXPECT_EQ(client.lockStream(5, 0, 100), -3);
   EXPECT_TRUE(log.contains("lockStream is not available in this build yet."));
   EXPECT_FALSE(client.discardStream(5, 1, 0));
@@ -251,7 +247,7 @@ TEST_F(MediaClientTest, WatchdogEndsAProcessWhoseStoreStaysFailedWithNothingReco
       {
         CMediaClientInternal client(m_clock);
         Velto::Kandu::setLogLevel(Velto::Kandu::LOG_INFO);
-        if (client.initialize(config(m_dir.sub("store")), nullptr) != 0) std::_Exit(3);
+        if (client.initialize(localStore(), nullptr) != 0) std::_Exit(3);
         client.onZarnStateChanged(client.storeForTest(), ZARN_STATE_FAILED);
         // The debounce, then an hour of a failed store with nothing recording.
         m_clock.advance(kDebounceMs + CMediaClientInternal::kExceptionDelayMs - 1);

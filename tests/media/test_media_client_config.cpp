@@ -19,33 +19,27 @@ namespace {
   "zarn_log_level": 1
 })");
 
-TEST(MediaClientWithConfig, ConfiguredLockRateBeatsTheSetter) {
+TEST(MediaClientWithConfig, ConfiguredValuesBeatTheSetters) {
   CMediaClientInternal client;
-  EXPECT_EQ(client.maxLockRatioForTest(), 80);
   ZarnTest::LogCapture log;
+  EXPECT_EQ(client.maxLockRatioForTest(), 80);
   client.setMaxLockRatio(20);
   client.setMaxLockRatio(101);  // ignored without the range error
   EXPECT_EQ(client.maxLockRatioForTest(), 80);
   EXPECT_FALSE(log.contains("ratio must be in 0-100"));
-}
 
-TEST(MediaClientWithConfig, ConfiguredThresholdMakesUrgentRatioANoOp) {
-  CMediaClientInternal client;
-  ZarnTest::LogCapture log;
+  // A configured threshold makes the urgent ratio a no-op.
   EXPECT_EQ(client.setUrgentRecycleRatio(30), 0);
   EXPECT_FALSE(log.contains("not available"));
-}
 
-TEST(MediaClientWithConfig, ConfiguredStoreLogLevelReachesTheStoreHandle) {
-  CMediaClientInternal client;
-  int32_t level = -1;
-  uint32_t length = sizeof(level);
-  ASSERT_TRUE(client.storeForTest()->getOption(ZARN_OPT_LOG_LEVEL, &level, length));
-  EXPECT_EQ(level, 1);
-  client.enableZarnClientLog(4, "/tmp/elsewhere");  // the file wins
-  length = sizeof(level);
-  ASSERT_TRUE(client.storeForTest()->getOption(ZARN_OPT_LOG_LEVEL, &level, length));
-  EXPECT_EQ(level, 1);
+  // The configured store log level reaches the store handle, and stays.
+  for (bool again : {false, true}) {
+    if (again) client.enableZarnClientLog(4, "/tmp/elsewhere");
+    int32_t level = -1;
+    uint32_t length = sizeof(level);
+    ASSERT_TRUE(client.storeForTest()->getOption(ZARN_OPT_LOG_LEVEL, &level, length));
+    EXPECT_EQ(level, 1);
+  }
 }
 
 }  // namespace

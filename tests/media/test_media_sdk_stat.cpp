@@ -147,7 +147,7 @@ TEST_F(MediaSdkStatTest, CountersFedFromSeveralThreadsAddUp) {
 
 TEST_F(MediaSdkStatTest, MissingDirectoryLogsTheOpenFailureAndWritesNothing) {
   std::string path = m_dir.sub("no/such/dir/mediasdk.stat");
-  ZarnTest::LogCapture log(Velto::Kandu::LOG_TRACE);
+  ZarnTest::LogCapture log(Velto::Kandu::LOG_INFO);
   m_stat.addFileSplitCount();
   m_stat.startTimer(path, 60);
   const std::string failure = ", failed to open status file(" + path + ".tmp).";
@@ -162,7 +162,7 @@ TEST_F(MediaSdkStatTest, MissingDirectoryLogsTheOpenFailureAndWritesNothing) {
 
 TEST_F(MediaSdkStatTest, RenameFailureIsRetriedThenLogged) {
   fs::create_directories(m_path + "/busy");  // a non-empty directory cannot be replaced by a file
-  ZarnTest::LogCapture log(Velto::Kandu::LOG_TRACE);
+  ZarnTest::LogCapture log(Velto::Kandu::LOG_INFO);
   m_stat.setRenameRetryDelay(1);
   m_stat.addWriteFailedCount();
   m_stat.startTimer(m_path, 60);

@@ -1,67 +1,200 @@
-// Record files and index files on a local store, through a fault-injecting
-// backend: the bytes a close leaves behind, the states a reader sees, and what
-// store faults do to a file.
+// Key-frame indexes in memory, and record files and index files on a local
+// store through a fault-injecting backend: the bytes a close leaves behind, the
+// states a reader sees, and what store faults do to a file.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <fstream>
 
+#include "BlockTransfer.h"
 #include "FaultInjectingBackend.h"
 #include "IndexFile.h"
 #include "KanduCrc.h"
 #include "KanduTime.h"
-#include "LocalStoreBackend.h"
-#include "BlockTransfer.h"
 #include "RecordFile.h"
+#include "RecordFileIndex.h"
 #include "RecordFileName.h"
 #include "TestSupport.h"
 #include "VeltoFrame.h"
 
 using namespace Velto::Zarn;
+using ZarnTest::faultOn;
+using ZarnTest::recordPath;
+using Bytes = std::vector<uint8_t>;
 
 namespace {
 
 const uint32_t T = static_cast<uint32_t>(Velto::Kandu::CTime::makeTime(2026, 5, 1, 23, 59, 30));
 constexpr uint32_t kPayload = 100;
 constexpr uint32_t kFrameLen = kMinFrameSize + kPayload;
+const RecordFileName kOpen{.streamId = 7, .beginTime = T, .type = 1};
+
+// kOpen closed at T+3 in index state `state`.
+RecordFileName closedAt3(uint32_t state) {
+  RecordFileName n = kOpen;
+  n.endTime = T + 3;
+  n.indexState = state;
+  return n;
+}
 
 struct TestFrame {
   uint8_t type;
   uint8_t subType;
   uint32_t time;
 };
+constexpr uint8_t I = FRAME_TYPE_I, P = FRAME_TYPE_P, IMG = FRAME_TYPE_IMAGE;
 
-template <typename T>
-T readLE(const std::vector<uint8_t>& bytes, size_t offset) {
-  T value;
-  std::memcpy(&value, bytes.data() + offset, sizeof(T));
-  return value;
+// Entries (type, sub-type, time, offset); lengths are irrelevant to lookups.
+std::unique_ptr<CRecordFileIndex> makeIndex(
+    std::initializer_list<std::tuple<uint8_t, uint8_t, uint32_t, uint64_t>> entries) {
+  auto index = std::make_unique<CRecordFileIndex>();
+  for (auto [type, sub, time, offset] : entries) index->addIndex(IndexEntry::make(type, sub, time, 100, offset));
+  return index;
+}
+
+TEST(IndexEntry, CarriesAFortyBitOffsetAndATwentyFourBitLength) {
+  const IndexEntry e = IndexEntry::make(I, 2, 0x01020304u, 0x12345678u, (1ull << 32) + 10);
+  uint8_t raw[16];
+  std::memcpy(raw, &e, sizeof(raw));
+  // Type, sub-type, 0, time; the length modulo 2^24 with offset bits 32-39; offset bits 0-31.
+  EXPECT_EQ(Bytes(raw, raw + 16), (Bytes{0xFD, 2, 0, 0, 0x04, 0x03, 0x02, 0x01, 0x78, 0x56, 0x34, 1, 10, 0, 0, 0}));
+  EXPECT_EQ(e.offset(), (1ull << 32) + 10);
+  EXPECT_EQ(e.length24(), 0x345678u);
+  EXPECT_EQ(IndexEntry::make(I, 0, 0, 0, (1ull << 40) - 1).offset(), (1ull << 40) - 1);
+}
+
+TEST(RecordFileIndex, TimesNeverGoBackwards) {
+  ZarnTest::LogCapture log;
+  auto index = makeIndex({{I, 0, 100, 0}, {I, 0, 105, 1000}, {I, 0, 103, 2000}});
+  std::vector<IndexEntry> e = index->entries();
+  ASSERT_EQ(e.size(), 3u);
+  EXPECT_EQ(e[0].time, 100u);
+  EXPECT_EQ(e[1].time, 105u);
+  EXPECT_EQ(e[2].time, 105u);
+  EXPECT_EQ(log.count("Maybe system time was changed."), 1u);
+  EXPECT_EQ(index->beginTime(), 100u);
+  EXPECT_EQ(index->endTime(), 105u);
+
+  index->updateEndTime(104);
+  index->updateEndTime(103);
+  EXPECT_EQ(log.count("the timestamp less than m_endTime."), 2u);     // the addIndex line and one for the run
+  EXPECT_TRUE(index->timeWentBack());
+  index->updateEndTime(110);
+  EXPECT_FALSE(index->timeWentBack());
+  EXPECT_EQ(index->endTime(), 110u);
+}
+
+TEST(RecordFileIndex, PlaybackStartLookups) {
+  // key 100@0, P 101@500, key 110@1000, smart-P 115@1500, key 120@2000
+  auto index =
+      makeIndex({{I, 0, 100, 0}, {P, 0, 101, 500}, {I, 0, 110, 1000}, {P, 1, 115, 1500}, {IMG, 0, 120, 2000}});
+  EXPECT_EQ(index->getIFrameOffset(50), 0u);     // before the first key
+  EXPECT_EQ(index->getIFrameOffset(110), 1000u); // exactly a key in the middle
+  EXPECT_EQ(index->getIFrameOffset(111), 1000u); // one second later
+  EXPECT_EQ(index->getIFrameOffset(101), 0u);    // a non-key entry's time: the key before it
+  EXPECT_EQ(index->getIFrameOffset(115), 1500u); // a smart P frame is a key
+  EXPECT_EQ(index->getIFrameOffset(500), 2000u); // at or after the last key
+
+  EXPECT_EQ(index->getPrevIFrameOffset(110, 0), 0u);     // strictly before
+  EXPECT_EQ(index->getPrevIFrameOffset(999, 0), 2000u);  // after the last key's time
+  EXPECT_EQ(index->getPrevIFrameOffset(100, 0), CRecordFileIndex::kNoOffset);
+  EXPECT_EQ(index->getPrevIFrameOffset(0, 1000), 0u);
+  EXPECT_EQ(index->getPrevIFrameOffset(0, 1200), 1000u);
+  EXPECT_EQ(index->getPrevIFrameOffset(0, 5000), 2000u);
+
+  EXPECT_EQ(index->getIFrameUTC(1000), 110u);
+  EXPECT_EQ(index->getIFrameUTC(1200), 110u);
+  EXPECT_EQ(index->getIFrameUTC(500), 100u);
+  EXPECT_EQ(index->getIFrameUTC(9000), 120u);
+}
+
+TEST(RecordFileIndex, SmartLookupsFallBackToTheNewestKeyFrame) {
+  auto smart = makeIndex({{I, 2, 100, 0}, {I, 0, 110, 1000}, {I, 2, 120, 2000}, {I, 0, 130, 3000}});
+  EXPECT_EQ(smart->getPrevISmartFrameOffset(125, 0), 2000u);
+  EXPECT_EQ(smart->getPrevISmartFrameOffset(120, 0), 2000u);  // the entry itself counts
+  EXPECT_EQ(smart->getPrevISmartFrameOffset(0, 500), 0u);     // by offset: back from the 1000 entry
+  EXPECT_EQ(smart->getPrevISmartFrameOffset(0, 1500), 2000u);
+  size_t cursor = 3;
+  EXPECT_TRUE(smart->getSmartKeyPrev(cursor));
+  EXPECT_EQ(cursor, 2u);
+
+  ZarnTest::LogCapture log;
+  auto plain = makeIndex({{I, 0, 100, 0}, {I, 0, 110, 1000}});
+  EXPECT_EQ(plain->getPrevISmartFrameOffset(105, 0), 1000u);
+  EXPECT_TRUE(log.contains("it is begin."));
+}
+
+TEST(RecordFileIndex, CursorWalksStopAtTheEnds) {
+  auto index = makeIndex({{P, 0, 100, 0}, {I, 0, 101, 10}, {P, 0, 102, 20}, {I, 0, 103, 30}});
+  ZarnTest::LogCapture log;
+  size_t c = 0;
+  ASSERT_TRUE(index->getKeyBegin(c));
+  EXPECT_EQ(c, 1u);
+  EXPECT_FALSE(index->getKeyPrev(c));
+  EXPECT_TRUE(log.contains("it is begin."));
+  ASSERT_TRUE(index->getKeyNext(c));
+  EXPECT_EQ(c, 3u);
+  EXPECT_FALSE(index->getKeyNext(c));
+  EXPECT_TRUE(log.contains("it is end."));
+  ASSERT_TRUE(index->getKeyEnd(c));
+  EXPECT_EQ(c, 3u);
+  ASSERT_TRUE(index->getKeyPrev(c));
+  EXPECT_EQ(c, 1u);
+}
+
+TEST(RecordFileIndex, WithoutKeyEntriesNothingIsFound) {
+  ZarnTest::LogCapture log;
+  auto index = makeIndex({{P, 0, 100, 0}, {P, 0, 101, 10}});
+  EXPECT_EQ(index->getIFrameOffset(100), CRecordFileIndex::kNoOffset);
+  EXPECT_TRUE(log.contains("not find begin key index."));
+  EXPECT_EQ(index->getPrevIFrameOffset(100, 0), CRecordFileIndex::kNoOffset);
+  EXPECT_EQ(index->getIFrameUTC(0), 0u);
+  EXPECT_EQ(index->getPrevISmartFrameOffset(100, 0), CRecordFileIndex::kNoOffset);
+  size_t c = 0;
+  EXPECT_FALSE(index->getKeyBegin(c));
+  EXPECT_FALSE(index->getKeyEnd(c));
+}
+
+TEST(RecordFileIndexDeathTest, AddingToACompleteIndexAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  CRecordFileIndex index;
+  index.setComplete();
+  EXPECT_DEATH(index.addIndex(IndexEntry::make(I, 0, 1, 1, 0)), "");
+}
+
+const std::vector<TestFrame> kGop = {{I, 0, T}, {P, 0, T}, {P, 0, T + 1}, {I, 0, T + 2}, {P, 0, T + 3}};
+
+// Appends `value` little-endian.
+template <typename V>
+void put(Bytes& out, V value) {
+  const auto* p = reinterpret_cast<const uint8_t*>(&value);
+  out.insert(out.end(), p, p + sizeof(value));
+}
+
+// A 64-byte record info as doc/record_file_format.md lays it out.
+Bytes recordInfo(uint32_t begin, uint32_t end, uint64_t indexOffset, uint32_t indexLength, uint64_t dataLength) {
+  Bytes info = {'V', 'Z', 'M', 'F', 0, 0, 0, 0};
+  put(info, begin);
+  put(info, end);
+  put(info, indexOffset);
+  put(info, indexLength);
+  put(info, uint32_t{0});
+  put(info, dataLength);
+  info.resize(60, 0);
+  put(info, Velto::Kandu::crc32(info.data(), 60));
+  return info;
 }
 
 class RecordFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_root = m_dir.sub("store");
-    m_backend = std::make_shared<CFaultInjectingBackend>(makeLocalStoreBackend(m_root));
-    Config config{m_root.c_str(), 0, "root", ""};
-    ASSERT_TRUE(m_fs.initializeWithBackend(config, m_backend));
-    ASSERT_TRUE(m_fs.createBucket("media_7"));
-  }
-
-  static RecordFileName openName() {
-    RecordFileName n;
-    n.streamId = 7;
-    n.beginTime = T;
-    n.type = 1;
-    return n;
-  }
+  void SetUp() override { ASSERT_TRUE(m_fs.createBucket("media_7")); }
 
   // Writes frames the way a writer does: the whole frame, the last time, and an
   // index entry for a key frame. Returns D.
   uint64_t writeFrames(CRecordFile& file, const std::vector<TestFrame>& frames) {
     uint32_t seq = 0;
     for (const TestFrame& f : frames) {
-      std::vector<uint8_t> bytes = ZarnTest::makeFrame(f.type, f.subType, seq++, f.time, kPayload);
+      Bytes bytes = ZarnTest::makeFrame(f.type, f.subType, seq++, f.time, kPayload);
       EXPECT_EQ(file.write(bytes.data(), static_cast<uint32_t>(bytes.size())), static_cast<int64_t>(bytes.size()));
       file.setLastTime(f.time);
       if (isKeyFrame(f.type, f.subType)) file.addIndex(f.type, f.subType, f.time, kFrameLen);
@@ -69,84 +202,65 @@ class RecordFileTest : public ::testing::Test {
     return file.length();
   }
 
-  std::vector<uint8_t> readWhole(const std::string& path) {
-    std::vector<uint8_t> out;
+  // A record file of kOpen's stream beginning at `begin`, open for writing with `frames` in it.
+  std::unique_ptr<CRecordFile> writing(const std::vector<TestFrame>& frames = kGop, uint32_t begin = T) {
+    RecordFileName name = kOpen;
+    name.beginTime = begin;
+    auto file = std::make_unique<CRecordFile>(m_fs, name);
+    EXPECT_TRUE(file->openForWrite(4, 1));
+    writeFrames(*file, frames);
+    return file;
+  }
+
+  Bytes readWhole(const std::string& path) {
+    Bytes out;
     std::unique_ptr<CFile> f = m_fs.openFile(path, StoreOpenMode::Read);
     EXPECT_TRUE(f);
-    if (!f) return out;
     uint8_t buf[4096];
-    for (;;) {
-      int64_t n = f->read(buf, sizeof(buf));
-      if (n <= 0) break;
-      out.insert(out.end(), buf, buf + n);
-    }
+    for (int64_t n; f && (n = f->read(buf, sizeof(buf))) > 0;) out.insert(out.end(), buf, buf + n);
     return out;
   }
 
-  static std::string nameOf(RecordFileName n) {
-    std::string s;
-    EXPECT_TRUE(generateRecordFileName(n, s));
-    return s;
-  }
-
-  CFileList listBucket() {
+  // The names in the bucket, with the bucket.
+  std::vector<std::string> listBucket() {
     CFileList list;
     EXPECT_TRUE(m_fs.getBucket("media_7").list(list, "", "", 100));
-    return list;
+    std::vector<std::string> out;
+    for (const StoreEntry& e : list) out.push_back("media_7/" + e.name);
+    return out;
   }
 
-  ZarnTest::TempDir m_dir;
-  std::string m_root;
-  std::shared_ptr<CFaultInjectingBackend> m_backend;
-  CZarnFileSystem m_fs;
+  ZarnTest::FaultyLocalStore m_store;
+  CZarnFileSystem& m_fs = *m_store.fs;
+  CFaultInjectingBackend& m_backend = *m_store.backend;
 };
 
-const std::vector<TestFrame> kGop = {{FRAME_TYPE_I, 0, T},
-                                     {FRAME_TYPE_P, 0, T},
-                                     {FRAME_TYPE_P, 0, T + 1},
-                                     {FRAME_TYPE_I, 0, T + 2},
-                                     {FRAME_TYPE_P, 0, T + 3}};
-
 TEST_F(RecordFileTest, CloseAppendsIndexAndInfoAndRenamesToTheClosedName) {
-  CRecordFile file(m_fs, openName());
-  ASSERT_TRUE(file.openForWrite(4, 1));
-  EXPECT_EQ(file.state(), CRecordFile::STATE_OPEN);
-  const uint64_t D = writeFrames(file, kGop);
+  std::unique_ptr<CRecordFile> file = writing();
+  EXPECT_EQ(file->state(), CRecordFile::STATE_OPEN);
+  const uint64_t D = file->length();
   ASSERT_EQ(D, 5u * kFrameLen);
-  ASSERT_TRUE(file.close());
+  ASSERT_TRUE(file->close());
 
-  RecordFileName closed = openName();
-  closed.endTime = T + 3;
-  closed.indexState = RECORD_INDEX_INTERNAL;
-  EXPECT_EQ(file.fullName(), nameOf(closed));
-  CFileList files = listBucket();
-  ASSERT_EQ(files.size(), 1u);
-  EXPECT_EQ("media_7/" + files[0].name, nameOf(closed));  // the open name is gone
+  const RecordFileName closed = closedAt3(RECORD_INDEX_INTERNAL);
+  EXPECT_EQ(file->fullName(), recordPath(closed));
+  EXPECT_EQ(listBucket(), std::vector<std::string>{recordPath(closed)});  // the open name is gone
 
-  std::vector<uint8_t> bytes = readWhole(nameOf(closed));
-  ASSERT_EQ(bytes.size(), D + 2 * 16 + 64);
-  // Index region: two entries right after the data.
-  const size_t idx = D;
-  EXPECT_EQ(bytes[idx + 0], 0xFD);
-  EXPECT_EQ(bytes[idx + 1], 0);
-  EXPECT_EQ(readLE<uint16_t>(bytes, idx + 2), 0);
-  EXPECT_EQ(readLE<uint32_t>(bytes, idx + 4), T);
-  EXPECT_EQ(readLE<uint32_t>(bytes, idx + 8), kFrameLen);  // length, offset bits 32-39 = 0
-  EXPECT_EQ(readLE<uint32_t>(bytes, idx + 12), 0u);
-  EXPECT_EQ(readLE<uint32_t>(bytes, idx + 16 + 4), T + 2);
-  EXPECT_EQ(readLE<uint32_t>(bytes, idx + 16 + 12), 3 * kFrameLen);
-  // Record info.
-  const size_t info = D + 32;
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(&bytes[info]), 4), "VZMF");
-  EXPECT_EQ(readLE<uint32_t>(bytes, info + 4), 0u);
-  EXPECT_EQ(readLE<uint32_t>(bytes, info + 8), T);
-  EXPECT_EQ(readLE<uint32_t>(bytes, info + 12), T + 3);
-  EXPECT_EQ(readLE<uint64_t>(bytes, info + 16), D);
-  EXPECT_EQ(readLE<uint32_t>(bytes, info + 24), 32u);
-  EXPECT_EQ(readLE<uint32_t>(bytes, info + 28), 0u);
-  EXPECT_EQ(readLE<uint64_t>(bytes, info + 32), D);
-  for (size_t i = 40; i < 60; ++i) EXPECT_EQ(bytes[info + i], 0) << i;
-  EXPECT_EQ(readLE<uint32_t>(bytes, info + 60), Velto::Kandu::crc32(&bytes[info], 60));
+  // Two index entries right after the data (type, sub-type, 0, time, length
+  // with offset bits 32-39, offset bits 0-31), then the record info.
+  Bytes tail;
+  for (auto [time, offset] : {std::pair{T, 0u}, std::pair{T + 2, 3 * kFrameLen}}) {
+    put(tail, uint32_t{I});
+    put(tail, time);
+    put(tail, kFrameLen);
+    put(tail, offset);
+  }
+  const Bytes info = recordInfo(T, T + 3, D, 32, D);
+  tail.insert(tail.end(), info.begin(), info.end());
+  const Bytes bytes = readWhole(recordPath(closed));
+  ASSERT_EQ(bytes.size(), D + tail.size());
+  EXPECT_EQ(Bytes(bytes.begin() + static_cast<long>(D), bytes.end()), tail);
+  EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + kFrameLen), ZarnTest::makeFrame(I, 0, 0, T, kPayload));
 
   CRecordFile reader(m_fs, closed);
   ASSERT_TRUE(reader.openForRead());
@@ -157,56 +271,40 @@ TEST_F(RecordFileTest, CloseAppendsIndexAndInfoAndRenamesToTheClosedName) {
   ASSERT_TRUE(reader.recordIndex());
   EXPECT_EQ(reader.recordIndex()->size(), 2u);
   EXPECT_EQ(reader.recordIndex()->getIFrameOffset(T + 2), 3u * kFrameLen);
-  std::vector<uint8_t> head(kFrameLen);
-  ASSERT_TRUE(blockRead(*m_fs.openFile(nameOf(closed), StoreOpenMode::Read), head.data(), kFrameLen));
-  EXPECT_EQ(head, ZarnTest::makeFrame(FRAME_TYPE_I, 0, 0, T, kPayload));
 }
 
-TEST_F(RecordFileTest, AFlippedBitInTheInfoMakesTheFileMissIndex) {
-  CRecordFile file(m_fs, openName());
-  ASSERT_TRUE(file.openForWrite(4, 1));
-  writeFrames(file, kGop);
-  ASSERT_TRUE(file.close());
-  std::string onDisk = m_root + "/" + file.fullName();
-  {
-    std::fstream f(onDisk, std::ios::in | std::ios::out | std::ios::binary);
-    f.seekg(-64 + 20, std::ios::end);
-    char c = 0;
-    f.read(&c, 1);
-    c ^= 0x04;
-    f.seekp(-64 + 20, std::ios::end);
-    f.write(&c, 1);
+// A record info that fails its check, and a file closed without key frames
+// (an info with an empty index), leave a closed file without an index.
+TEST_F(RecordFileTest, AFlippedBitInTheInfoOrNoKeyFrameMakesTheFileMissIndex) {
+  for (bool flip : {true, false}) {
+    SCOPED_TRACE(flip ? "flipped bit" : "no key frame");
+    std::unique_ptr<CRecordFile> file =
+        writing(flip ? kGop : std::vector<TestFrame>{{P, 0, T + 10}, {P, 0, T + 11}},
+                flip ? T : T + 10);
+    ASSERT_TRUE(file->close());
+    EXPECT_EQ(file->recordInfo().indexLength, flip ? 32u : 0u);
+    if (flip) {
+      std::fstream f(m_store.root + "/" + file->fullName(), std::ios::in | std::ios::out | std::ios::binary);
+      f.seekg(-64 + 20, std::ios::end);
+      char c = static_cast<char>(f.get() ^ 0x04);
+      f.seekp(-64 + 20, std::ios::end);
+      f.write(&c, 1);
+    }
+    RecordFileName parsed;
+    ASSERT_TRUE(parseRecordFileName(file->fullName(), parsed));
+    EXPECT_EQ(parsed.indexState, static_cast<uint32_t>(RECORD_INDEX_INTERNAL));
+    CRecordFile reader(m_fs, parsed);
+    ZarnTest::LogCapture log;
+    ASSERT_TRUE(reader.openForRead());
+    EXPECT_EQ(reader.state(), CRecordFile::STATE_MISS_INDEX);
+    EXPECT_TRUE(reader.needIndexFromElsewhere());
+    EXPECT_EQ(log.contains("load record info failed."), flip);
   }
-  RecordFileName parsed;
-  ASSERT_TRUE(parseRecordFileName(file.fullName(), parsed));
-  CRecordFile reader(m_fs, parsed);
-  ZarnTest::LogCapture log;
-  ASSERT_TRUE(reader.openForRead());
-  EXPECT_EQ(reader.state(), CRecordFile::STATE_MISS_INDEX);
-  EXPECT_TRUE(reader.needIndexFromElsewhere());
-  EXPECT_TRUE(log.contains("load record info failed."));
-}
-
-TEST_F(RecordFileTest, AFileClosedWithoutKeyFramesHasNoIndex) {
-  CRecordFile file(m_fs, openName());
-  ASSERT_TRUE(file.openForWrite(4, 1));
-  writeFrames(file, {{FRAME_TYPE_P, 0, T}, {FRAME_TYPE_P, 0, T + 1}});
-  ASSERT_TRUE(file.close());
-  EXPECT_EQ(file.recordInfo().indexLength, 0u);
-  RecordFileName parsed;
-  ASSERT_TRUE(parseRecordFileName(file.fullName(), parsed));
-  EXPECT_EQ(parsed.indexState, static_cast<uint32_t>(RECORD_INDEX_INTERNAL));
-  CRecordFile reader(m_fs, parsed);
-  ASSERT_TRUE(reader.openForRead());
-  EXPECT_EQ(reader.state(), CRecordFile::STATE_MISS_INDEX);
 }
 
 TEST_F(RecordFileTest, AFileStillBeingWrittenReadsAsNotClosed) {
-  CRecordFile file(m_fs, openName());
-  ASSERT_TRUE(file.openForWrite(4, 1));
-  writeFrames(file, kGop);
-
-  CRecordFile reader(m_fs, openName());
+  std::unique_ptr<CRecordFile> file = writing();
+  CRecordFile reader(m_fs, kOpen);
   ASSERT_TRUE(reader.openForRead());
   EXPECT_EQ(reader.state(), CRecordFile::STATE_NOT_CLOSED);
   EXPECT_TRUE(reader.needIndexFromElsewhere());
@@ -217,50 +315,42 @@ TEST_F(RecordFileTest, AFileStillBeingWrittenReadsAsNotClosed) {
   EXPECT_TRUE(st.openForWrite);
 
   // The writer's live index makes the file seekable for the reader.
-  reader.setRecordIndex(file.recordIndex());
+  reader.setRecordIndex(file->recordIndex());
   EXPECT_EQ(reader.state(), CRecordFile::STATE_OPEN);
   EXPECT_EQ(reader.recordIndex()->getIFrameOffset(T + 3), 3u * kFrameLen);
-  ASSERT_TRUE(file.close());
+  ASSERT_TRUE(file->close());
 }
 
 TEST_F(RecordFileTest, FailedIndexWriteStillRenamesAndAnIndexFileRepairsIt) {
-  CRecordFile file(m_fs, openName());
-  ASSERT_TRUE(file.openForWrite(4, 1));
-  const uint64_t D = writeFrames(file, kGop);
-  FaultRule rule;
-  rule.op = StoreOp::FileWrite;
-  rule.code = ZARN_E_IO;
-  m_backend->addRule(rule);
+  std::unique_ptr<CRecordFile> file = writing();
+  const uint64_t D = file->length();
+  m_backend.addRule(faultOn(StoreOp::FileWrite));
   ZarnTest::LogCapture log;
-  EXPECT_FALSE(file.close());  // the info was not written
-  m_backend->clearRules();
+  EXPECT_FALSE(file->close());  // the info was not written
+  m_backend.clearRules();
   EXPECT_TRUE(log.contains("write record index failed."));
+  const RecordFileName renamed = closedAt3(RECORD_INDEX_MISSING);
+  EXPECT_EQ(file->fullName(), recordPath(renamed));
+  EXPECT_EQ(readWhole(recordPath(renamed)).size(), D);  // data only
 
-  RecordFileName renamed = openName();
-  renamed.endTime = T + 3;
-  renamed.indexState = RECORD_INDEX_MISSING;
-  EXPECT_EQ(file.fullName(), nameOf(renamed));
-  EXPECT_EQ(readWhole(nameOf(renamed)).size(), D);  // data only
-
-  // Index file beside it, as the index fixer writes one.
+  // Index file beside it, as the index fixer writes one: the entries, then an
+  // info with index offset 0.
   CIndexFile index(&m_fs, renamed, CRecordFile::MODE_WRITE);
   ASSERT_TRUE(index.open());
-  ASSERT_TRUE(index.addIndex(FRAME_TYPE_I, 0, T, kFrameLen, 0));
-  ASSERT_TRUE(index.addIndex(FRAME_TYPE_I, 0, T + 2, kFrameLen, 3 * kFrameLen));
+  ASSERT_TRUE(index.addIndex(I, 0, T, kFrameLen, 0));
+  ASSERT_TRUE(index.addIndex(I, 0, T + 2, kFrameLen, 3 * kFrameLen));
   index.setEndTime(T + 3);
   index.setDataLength(D);
   ASSERT_TRUE(index.close());
   RecordFileName indexName = renamed;
   indexName.isIndex = 1;
-  std::vector<uint8_t> indexBytes = readWhole(nameOf(indexName));
+  const Bytes indexBytes = readWhole(recordPath(indexName));
   ASSERT_EQ(indexBytes.size(), 32u + 64u);
-  EXPECT_EQ(readLE<uint64_t>(indexBytes, 32 + 16), 0u);  // index offset
-  EXPECT_EQ(readLE<uint32_t>(indexBytes, 32 + 24), 32u);
-  EXPECT_EQ(readLE<uint64_t>(indexBytes, 32 + 32), D);
+  EXPECT_EQ(Bytes(indexBytes.begin() + 32, indexBytes.end()), recordInfo(T, T + 3, 0, 32, D));
 
   RecordFileName separate = renamed;
   separate.indexState = RECORD_INDEX_SEPARATE;
-  ASSERT_TRUE(recordFileRename(m_fs, nameOf(renamed), separate));
+  ASSERT_TRUE(recordFileRename(m_fs, recordPath(renamed), separate));
   CRecordFile reader(m_fs, separate);
   ASSERT_TRUE(reader.openForRead());
   EXPECT_EQ(reader.state(), CRecordFile::STATE_INDEXED);
@@ -270,57 +360,42 @@ TEST_F(RecordFileTest, FailedIndexWriteStillRenamesAndAnIndexFileRepairsIt) {
 }
 
 TEST_F(RecordFileTest, AFailedFirstWriteMakesCloseRemoveTheFile) {
-  CRecordFile file(m_fs, openName());
-  ASSERT_TRUE(file.openForWrite(4, 1));
-  FaultRule rule;
-  rule.op = StoreOp::FileWrite;
-  rule.times = 1;
-  m_backend->addRule(rule);
-  std::vector<uint8_t> frame = ZarnTest::makeFrame(FRAME_TYPE_I, 0, 0, T, kPayload);
-  EXPECT_LT(file.write(frame.data(), kFrameLen), 0);
-  EXPECT_TRUE(file.isEmptyFileFault());
+  std::unique_ptr<CRecordFile> file = writing({});
+  m_backend.addRule(faultOn(StoreOp::FileWrite, 1));
+  const Bytes frame = ZarnTest::makeFrame(I, 0, 0, T, kPayload);
+  EXPECT_LT(file->write(frame.data(), kFrameLen), 0);
+  EXPECT_TRUE(file->isEmptyFileFault());
   EXPECT_EQ(listBucket().size(), 1u);
-  EXPECT_TRUE(file.close());
+  EXPECT_TRUE(file->close());
   EXPECT_TRUE(listBucket().empty());
 }
 
 TEST_F(RecordFileTest, AFailedCloseKeepsTheOpenName) {
-  CRecordFile file(m_fs, openName());
-  ASSERT_TRUE(file.openForWrite(4, 1));
-  writeFrames(file, kGop);
-  FaultRule rule;
-  rule.op = StoreOp::FileClose;
-  m_backend->addRule(rule);
+  std::unique_ptr<CRecordFile> file = writing();
+  m_backend.addRule(faultOn(StoreOp::FileClose));
   ZarnTest::LogCapture log;
-  EXPECT_FALSE(file.close());
+  EXPECT_FALSE(file->close());
   EXPECT_TRUE(log.contains("close record file failed."));
-  CFileList files = listBucket();
-  ASSERT_EQ(files.size(), 1u);
-  EXPECT_EQ("media_7/" + files[0].name, nameOf(openName()));
+  EXPECT_EQ(listBucket(), std::vector<std::string>{recordPath(kOpen)});
 }
 
 TEST_F(RecordFileTest, BlockTransfersRetryZeroByteCallsAndHonourTheirLimit) {
   std::unique_ptr<CFile> out = m_fs.createFile("media_7/blocks", 4, 1);
   ASSERT_TRUE(out);
-  FaultRule zero;
-  zero.op = StoreOp::FileWrite;
-  zero.zeroBytes = true;
-  zero.times = 3;
-  m_backend->addRule(zero);
-  std::vector<uint8_t> frame = ZarnTest::makeFrame(FRAME_TYPE_I, 0, 0, T, kPayload);
+  m_backend.addRule(faultOn(StoreOp::FileWrite, 3, true));
+  const Bytes frame = ZarnTest::makeFrame(I, 0, 0, T, kPayload);
   EXPECT_TRUE(blockWrite(*out, frame.data(), kFrameLen));
-  EXPECT_GE(m_backend->callCount(StoreOp::FileWrite), 4u);
+  EXPECT_GE(m_backend.callCount(StoreOp::FileWrite), 4u);
 
-  zero.times = 0xFFFFFFFFu;
-  m_backend->clearRules();
-  m_backend->addRule(zero);
+  m_backend.clearRules();
+  m_backend.addRule(faultOn(StoreOp::FileWrite, 0xFFFFFFFFu, true));
   ZarnTest::LogCapture log;
   EXPECT_FALSE(blockWrite(*out, frame.data(), kFrameLen, 20));
   EXPECT_TRUE(log.contains("block write timeout, return false. writed: 0. timeout: 20."));
-  m_backend->clearRules();
+  m_backend.clearRules();
   ASSERT_TRUE(out->close());
 
-  std::vector<uint8_t> back(kFrameLen);
+  Bytes back(kFrameLen);
   std::unique_ptr<CFile> in = m_fs.openFile("media_7/blocks", StoreOpenMode::Read);
   ASSERT_TRUE(in);
   EXPECT_TRUE(blockRead(*in, back.data(), kFrameLen));
@@ -330,21 +405,20 @@ TEST_F(RecordFileTest, BlockTransfersRetryZeroByteCallsAndHonourTheirLimit) {
 }
 
 TEST_F(RecordFileTest, LockCountsNeverGoBelowZero) {
-  CRecordFile file(m_fs, openName());
-  ASSERT_TRUE(file.openForWrite(4, 1));
-  EXPECT_EQ(file.incLockCount(), 1);
-  EXPECT_EQ(file.incLockCount(), 2);
-  EXPECT_EQ(file.decLockCount(false), 1);
-  EXPECT_EQ(file.decLockCount(true), 0);
-  EXPECT_EQ(file.decLockCount(false), 0);
-  file.close();
+  std::unique_ptr<CRecordFile> file = writing({});
+  EXPECT_EQ(file->incLockCount(), 1);
+  EXPECT_EQ(file->incLockCount(), 2);
+  EXPECT_EQ(file->decLockCount(false), 1);
+  EXPECT_EQ(file->decLockCount(true), 0);
+  EXPECT_EQ(file->decLockCount(false), 0);
+  file->close();
 }
 
 TEST_F(RecordFileTest, TheWrongSideOfAFileIsAProgrammingError) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {
-        CRecordFile file(m_fs, openName());
+        CRecordFile file(m_fs, kOpen);
         file.openForWrite(4, 1);
         char c;
         file.read(&c, 1);
@@ -353,63 +427,55 @@ TEST_F(RecordFileTest, TheWrongSideOfAFileIsAProgrammingError) {
 }
 
 TEST_F(RecordFileTest, BufferedReadsSeeksAndTellAgreeWithTheBytes) {
-  CRecordFile file(m_fs, openName());
+  CRecordFile file(m_fs, kOpen);
   ASSERT_TRUE(file.openForWrite(4, 1));
   // 300 KB of frames: more than two read buffers.
-  std::vector<TestFrame> frames;
-  for (uint32_t i = 0; i < 250; ++i) frames.push_back({i % 25 == 0 ? FRAME_TYPE_I : FRAME_TYPE_P, 0, T + i / 25});
-  std::vector<uint8_t> all;
-  uint32_t seq = 0;
-  for (const TestFrame& f : frames) {
-    std::vector<uint8_t> bytes = ZarnTest::makeFrame(f.type, 0, seq++, f.time, 1200);
+  Bytes all;
+  for (uint32_t i = 0; i < 250; ++i) {
+    Bytes bytes = ZarnTest::makeFrame(i % 25 == 0 ? I : P, 0, i, T + i / 25, 1200);
     ASSERT_EQ(file.write(bytes.data(), static_cast<uint32_t>(bytes.size())), static_cast<int64_t>(bytes.size()));
     all.insert(all.end(), bytes.begin(), bytes.end());
   }
-  CRecordFile reader(m_fs, openName());  // still being written: no info, reads go to the store's end
+  CRecordFile reader(m_fs, kOpen);  // still being written: no info, reads go to the store's end
   ASSERT_TRUE(reader.openForRead());
-  std::vector<uint8_t> got(all.size());
-  size_t have = 0;
-  uint32_t piece = 24;
-  while (have < all.size()) {
-    int64_t n = reader.read(got.data() + have, std::min<uint32_t>(piece, static_cast<uint32_t>(all.size() - have)));
-    ASSERT_GT(n, 0);
-    have += static_cast<size_t>(n);
-    EXPECT_EQ(reader.tell(), static_cast<int64_t>(have));
-    piece = piece == 24 ? 1208 : 24;  // head, body, head, ...
-  }
+  // Reads `length` bytes into `out` in pieces of `piece` and then `next` bytes
+  // alternately (a head, a body, ...), checking the position after each.
+  auto readAll = [&](Bytes& out, uint32_t piece, uint32_t next) {
+    const int64_t start = reader.tell();
+    for (size_t have = 0; have < out.size(); std::swap(piece, next)) {
+      const int64_t n = reader.read(out.data() + have, std::min<uint32_t>(piece, static_cast<uint32_t>(out.size() - have)));
+      ASSERT_GT(n, 0);
+      have += static_cast<size_t>(n);
+      EXPECT_EQ(reader.tell(), start + static_cast<int64_t>(have));
+    }
+  };
+  Bytes got(all.size());
+  readAll(got, 24, 1208);
   EXPECT_EQ(got, all);
   EXPECT_EQ(reader.read(got.data(), 10), 0);  // the writer still has it open: more may come
 
   // Seeks inside what is buffered, back across the buffer, relative, and to the end.
-  ASSERT_EQ(reader.seek(all.size() - 100, 0), static_cast<int64_t>(all.size() - 100));
-  uint8_t b[8];
-  ASSERT_EQ(reader.read(b, 8), 8);
-  EXPECT_EQ(0, std::memcmp(b, &all[all.size() - 100], 8));
-  ASSERT_EQ(reader.seek(10, 0), 10);
-  ASSERT_EQ(reader.read(b, 8), 8);
-  EXPECT_EQ(0, std::memcmp(b, &all[10], 8));
-  ASSERT_EQ(reader.seek(1000, 1), 1018);
-  ASSERT_EQ(reader.read(b, 8), 8);
-  EXPECT_EQ(0, std::memcmp(b, &all[1018], 8));
-  ASSERT_EQ(reader.seek(0, 2), static_cast<int64_t>(all.size()));
+  const int64_t size = static_cast<int64_t>(all.size());
+  for (auto [offset, origin, at] : {std::tuple{size - 100, 0, size - 100}, {10, 0, 10}, {1000, 1, 1018}}) {
+    ASSERT_EQ(reader.seek(offset, origin), at);
+    uint8_t b[8];
+    ASSERT_EQ(reader.read(b, 8), 8);
+    EXPECT_EQ(0, std::memcmp(b, &all[static_cast<size_t>(at)], 8)) << at;
+  }
+  ASSERT_EQ(reader.seek(0, 2), size);
 
   // Bytes appended after the buffer was filled are read once it is used up.
-  std::vector<uint8_t> more = ZarnTest::makeFrame(FRAME_TYPE_P, 0, seq, T + 10, 50);
+  const Bytes more = ZarnTest::makeFrame(P, 0, 250, T + 10, 50);
   ASSERT_EQ(file.write(more.data(), static_cast<uint32_t>(more.size())), static_cast<int64_t>(more.size()));
-  std::vector<uint8_t> tail(more.size());
-  size_t t = 0;
-  while (t < tail.size()) {
-    int64_t n = reader.read(tail.data() + t, static_cast<uint32_t>(tail.size() - t));
-    ASSERT_GT(n, 0);
-    t += static_cast<size_t>(n);
-  }
+  Bytes tail(more.size());
+  readAll(tail, static_cast<uint32_t>(tail.size()), static_cast<uint32_t>(tail.size()));
   EXPECT_EQ(tail, more);
   ASSERT_TRUE(file.close());
 
   // Nobody writes it now: the end (past its index and info) is told by the
   // result; a read that fails afterwards is a failure, whatever the thread's
   // last error said before.
-  std::vector<uint8_t> rest(CRecordFile::kReadBufferSize);
+  Bytes rest(CRecordFile::kReadBufferSize);
   int64_t n = 0;
   while ((n = reader.read(rest.data(), static_cast<uint32_t>(rest.size()))) > 0) {
   }
@@ -423,34 +489,33 @@ TEST_F(RecordFileTest, BufferedReadsSeeksAndTellAgreeWithTheBytes) {
 // of a frame-sized piece goes from the store straight to the caller in one
 // call. Bytes and positions agree either way, also after a seek.
 TEST_F(RecordFileTest, LargeReadsGoStraightToTheCallerOnceTheBufferIsUsedUp) {
-  CRecordFile file(m_fs, openName());
+  CRecordFile file(m_fs, kOpen);
   ASSERT_TRUE(file.openForWrite(4, 1));
-  std::vector<uint8_t> all(3 * CRecordFile::kReadBufferSize);
+  Bytes all(3 * CRecordFile::kReadBufferSize);
   for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<uint8_t>(i * 7 + i / 251);
   ASSERT_EQ(file.write(all.data(), static_cast<uint32_t>(all.size())), static_cast<int64_t>(all.size()));
-  CRecordFile reader(m_fs, openName());
+  CRecordFile reader(m_fs, kOpen);
   ASSERT_TRUE(reader.openForRead());
 
-  std::vector<uint8_t> got(all.size());
+  Bytes got(all.size());
   size_t have = 0;
   // Reads `length` bytes (in as many calls as it takes); the store calls made.
   auto readPiece = [&](uint32_t length) {
-    const uint64_t before = m_backend->callCount(StoreOp::FileRead);
-    const size_t want = have + length;
-    while (have < want) {
+    const uint64_t before = m_backend.callCount(StoreOp::FileRead);
+    for (const size_t want = have + length; have < want;) {
       const int64_t n = reader.read(got.data() + have, static_cast<uint32_t>(want - have));
       EXPECT_GT(n, 0);
       if (n <= 0) break;
       have += static_cast<size_t>(n);
     }
     EXPECT_EQ(reader.tell(), static_cast<int64_t>(have));
-    return m_backend->callCount(StoreOp::FileRead) - before;
+    return m_backend.callCount(StoreOp::FileRead) - before;
   };
-  EXPECT_EQ(readPiece(24), 1u);                                       // fills the buffer
-  EXPECT_EQ(readPiece(CRecordFile::kReadBufferSize - 24), 0u);        // uses it up
-  EXPECT_EQ(readPiece(CRecordFile::kDirectReadSize), 1u);             // straight in
-  EXPECT_EQ(readPiece(100), 1u);                                      // a new buffer
-  EXPECT_EQ(readPiece(CRecordFile::kDirectReadSize - 1), 0u);         // from it
+  EXPECT_EQ(readPiece(24), 1u);                                 // fills the buffer
+  EXPECT_EQ(readPiece(CRecordFile::kReadBufferSize - 24), 0u);  // uses it up
+  EXPECT_EQ(readPiece(CRecordFile::kDirectReadSize), 1u);       // straight in
+  EXPECT_EQ(readPiece(100), 1u);                                // a new buffer
+  EXPECT_EQ(readPiece(CRecordFile::kDirectReadSize - 1), 0u);   // from it
   EXPECT_EQ(0, std::memcmp(got.data(), all.data(), have));
 
   // Back to a position before the buffer: the next large read goes straight in.

@@ -60,7 +60,7 @@ TEST(TimeStrings, DatesAndEndTimes) {
   EXPECT_EQ(parseTime(kBegin, "235930"), kBegin);  // equal: no day added
   EXPECT_EQ(parseTime(kBegin, "235929"), kBegin - 1 + 86400);
 
-  ZarnTest::LogCapture log;
+  ZarnTest::LogCapture log(Velto::Kandu::LOG_INFO);
   for (const char* bad : {"2016/13/01/000000", "2016/05/32/000000", "2016/05/01/250000", "2016/05/01/235961",
                           "2016/05/01"})
     EXPECT_EQ(parseDate(bad), 0u) << bad;
@@ -154,7 +154,7 @@ TEST(RecordNames, MalformedNamesFailAndZeroTheRecord) {
 }
 
 TEST(RecordValidity, RulesAndMessages) {
-  ZarnTest::LogCapture log;
+  ZarnTest::LogCapture log(Velto::Kandu::LOG_INFO);
   std::string name = "untouched";
   for (const RecordFileName& rec : {record(0, kBegin, 0, 0, 0),    // begin 0
                                     record(kBegin, 0, 0, 1, 0),    // open and locked
@@ -184,7 +184,7 @@ TEST(RecordListing, NextValidEntrySkipsIndexAndUnsyncedFiles) {
       {"notes.txt", 14},
       {"2016/05/02/010000_2.qrv", 2000},           // open
   };
-  ZarnTest::LogCapture log;
+  ZarnTest::LogCapture log(Velto::Kandu::LOG_INFO);
   StoreUser root("root");
   size_t cursor = 0;
   RecordFileName rec;
@@ -238,7 +238,7 @@ class RecordStoreOps : public testing::Test {
   ZarnTest::TempDir m_dir;
   StoreUser m_user{"root"};
   CZarnFileSystem m_fs;
-  ZarnTest::LogCapture m_log;
+  ZarnTest::LogCapture m_log{Velto::Kandu::LOG_INFO};
 };
 
 TEST_F(RecordStoreOps, RenameNeverReplaces) {

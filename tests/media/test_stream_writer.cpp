@@ -31,26 +31,34 @@ namespace {
     R"({"enable_cfg": 1, "max_file_length": 200000, "max_file_duration": 1800, "min_cut_file_time": 30})");
 
 const uint32_t T = static_cast<uint32_t>(Velto::Kandu::CTime::makeTime(2026, 3, 31, 23, 50, 0));
+constexpr uint8_t I = FRAME_TYPE_I, P = FRAME_TYPE_P;
 
-struct Recorded {
-  uint8_t type;
-  uint32_t sequence;
-};
+using Spans = std::vector<std::pair<uint32_t, uint32_t>>;  // [begin, end] of files, from T
+Spans spans(const std::vector<RecordFileName>& files) {
+  Spans out;
+  for (const RecordFileName& f : files) out.emplace_back(f.beginTime - T, f.endTime - T);
+  return out;
+}
+
+// The first file creation waits `ms` and then succeeds.
+FaultRule firstCreateStalls(uint32_t ms) {
+  FaultRule stall = ZarnTest::faultOn(StoreOp::CreateFile, 1);
+  stall.stallMs = ms;
+  stall.failAfterStall = false;
+  return stall;
+}
 
 class StreamWriterTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_root = m_dir.sub("store");
-    m_backend = std::make_shared<CFaultInjectingBackend>(makeLocalStoreBackend(m_root));
-    m_fs = std::make_shared<CZarnFileSystem>();
-    Config config{m_root.c_str(), 0, "root", ""};
-    ASSERT_TRUE(m_fs->initializeWithBackend(config, m_backend));
-    CMediaValues::instance().sdkState.store(ZARN_STATE_NORMAL);
-  }
+  void SetUp() override { CMediaValues::instance().sdkState.store(ZARN_STATE_NORMAL); }
   void TearDown() override { CMediaValues::instance().sdkState.store(0); }
 
-  int32_t write(CStreamWriter& w, uint8_t type, uint32_t seq, uint32_t time, uint32_t payload = 40,
-                uint16_t ms = 0, unsigned long long* taken = nullptr) {
+  std::shared_ptr<CStreamWriter> writer(uint32_t sid, bool sync = true, int16_t type = 1) {
+    return std::make_shared<CStreamWriter>(m_fs, sid, type, sync, ZarnTest::writerEnv());
+  }
+
+  static int32_t write(CStreamWriter& w, uint8_t type, uint32_t seq, uint32_t time, uint32_t payload = 40,
+                       uint16_t ms = 0, unsigned long long* taken = nullptr) {
     std::vector<uint8_t> bytes = ZarnTest::makeFrame(type, 0, seq, time, payload, ms);
     VeltoFrame frame;
     frame.attach(bytes.data());
@@ -61,31 +69,24 @@ class StreamWriterTest : public ::testing::Test {
   }
 
   // Closes the writer as the registry does and waits until it is gone.
-  void closeAndWait(std::shared_ptr<CStreamWriter>& writer) {
+  static void closeAndWait(std::shared_ptr<CStreamWriter>& writer) {
     std::weak_ptr<CStreamWriter> weak = writer;
     writer->closeStream(writer);
     writer.reset();
     ASSERT_TRUE(ZarnTest::waitFor([&] { return weak.expired(); }, 10000));
   }
 
-  std::vector<RecordFileName> files(uint32_t sid) {
-    std::vector<RecordFileName> out;
-    CBucket bucket = m_fs->getBucket(bucketName(sid, BUCKET_KIND_MEDIA));
-    if (!bucket.isValid()) return out;
-    CFileList list;
-    EXPECT_TRUE(bucket.list(list, "", "", 1000));
-    for (const StoreEntry& e : list) {
-      RecordFileName n;
-      EXPECT_TRUE(parseRecordFileName(bucketName(sid, BUCKET_KIND_MEDIA) + "/" + e.name, n)) << e.name;
-      n.size = e.size;
-      out.push_back(n);
-    }
-    return out;
+  std::vector<RecordFileName> files(uint32_t sid) { return ZarnTest::listRecords(*m_fs, sid); }
+
+  std::vector<RecordFileName> closeAndList(std::shared_ptr<CStreamWriter>& writer, uint32_t sid) {
+    closeAndWait(writer);
+    return files(sid);
   }
 
-  // The frames in a closed file's data region, padding frames left out.
-  std::vector<Recorded> framesIn(const RecordFileName& name) {
-    std::vector<Recorded> out;
+  // The sequence numbers of the frames in a closed file's data region,
+  // padding frames left out.
+  std::vector<uint32_t> framesIn(const RecordFileName& name) {
+    std::vector<uint32_t> out;
     CRecordFile file(*m_fs, name);
     EXPECT_TRUE(file.openForRead());
     EXPECT_EQ(file.state(), CRecordFile::STATE_INDEXED);
@@ -95,29 +96,16 @@ class StreamWriterTest : public ::testing::Test {
       const VeltoFrameHead* h = reinterpret_cast<const VeltoFrameHead*>(&data[pos]);
       EXPECT_TRUE(checkFrameHead(&data[pos]));
       if (h->length == 0) break;
-      if (h->type != FRAME_TYPE_FAKE) out.push_back({h->type, h->sequence});
+      if (h->type != FRAME_TYPE_FAKE) out.push_back(h->sequence);
       pos += h->length;
     }
     return out;
   }
 
-  ZarnTest::TempDir m_dir;
-  std::string m_root;
-  std::shared_ptr<CFaultInjectingBackend> m_backend;
-  std::shared_ptr<CZarnFileSystem> m_fs;
+  ZarnTest::FaultyLocalStore m_store;
+  std::shared_ptr<CFaultInjectingBackend>& m_backend = m_store.backend;
+  std::shared_ptr<CZarnFileSystem>& m_fs = m_store.fs;
 };
-
-constexpr uint8_t I = FRAME_TYPE_I, P = FRAME_TYPE_P;
-
-// The first file creation waits `ms` and then succeeds.
-FaultRule firstCreateStalls(uint32_t ms) {
-  FaultRule stall;
-  stall.op = StoreOp::CreateFile;
-  stall.stallMs = ms;
-  stall.failAfterStall = false;
-  stall.times = 1;
-  return stall;
-}
 
 // A store whose writes take at most `cap` bytes, and nothing at all on every
 // `zeroEvery`-th call: the short and empty answers of a busy store.
@@ -131,8 +119,7 @@ class CShortWriteBackend : public CStoreBackendWrapper {
     if (rc == 0) out = std::make_unique<File>(*this, std::move(out));
     return rc;
   }
-  uint64_t shortWrites() const { return m_short.load(); }
-  uint64_t emptyWrites() const { return m_empty.load(); }
+  std::atomic<uint64_t> m_calls{0}, m_short{0}, m_empty{0};
 
  private:
   class File : public IStoreFile {
@@ -159,7 +146,6 @@ class CShortWriteBackend : public CStoreBackendWrapper {
 
   const uint32_t m_cap;
   const uint32_t m_zeroEvery;
-  std::atomic<uint64_t> m_calls{0}, m_short{0}, m_empty{0};
 };
 
 // Every file of a stream's bucket under a local store root: path in the
@@ -198,14 +184,8 @@ std::vector<ScriptFrame> recordingScript() {
   return out;
 }
 
-std::string generateName(const RecordFileName& n) {
-  std::string s;
-  EXPECT_TRUE(generateRecordFileName(n, s));
-  return s;
-}
-
 TEST_F(StreamWriterTest, FramesBeforeTheFirstKeyFrameAndAfterASequenceGapAreDropped) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 1, 3, true, ZarnTest::writerEnv());
+  auto w = writer(1, true, 3);
   EXPECT_EQ(write(*w, P, 0, T), 0);
   EXPECT_EQ(write(*w, P, 1, T), 0);
   EXPECT_TRUE(files(1).empty());  // nothing created before a key frame
@@ -215,52 +195,41 @@ TEST_F(StreamWriterTest, FramesBeforeTheFirstKeyFrameAndAfterASequenceGapAreDrop
   EXPECT_EQ(write(*w, P, 6, T + 2), 0);  // still dropped until the next key frame
   EXPECT_EQ(write(*w, I, 7, T + 2), 0);
   EXPECT_EQ(write(*w, P, 8, T + 3), 0);
-  closeAndWait(w);
-  std::vector<RecordFileName> f = files(1);
+  std::vector<RecordFileName> f = closeAndList(w, 1);
   ASSERT_EQ(f.size(), 1u);
-  EXPECT_EQ(f[0].beginTime, T);
-  EXPECT_EQ(f[0].endTime, T + 3);
+  EXPECT_EQ(spans(f), (Spans{{0, 3}}));
   EXPECT_EQ(f[0].type, 3);
   EXPECT_EQ(f[0].indexState, static_cast<uint32_t>(RECORD_INDEX_INTERNAL));
-  std::vector<Recorded> frames = framesIn(f[0]);
-  std::vector<uint32_t> seqs;
-  for (auto& r : frames) seqs.push_back(r.sequence);
-  EXPECT_EQ(seqs, (std::vector<uint32_t>{2, 3, 7, 8}));
+  EXPECT_EQ(framesIn(f[0]), (std::vector<uint32_t>{2, 3, 7, 8}));
 }
 
-TEST_F(StreamWriterTest, CutsAtTheMaximumDurationOnlyAtAKeyFrame) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 2, 1, true, ZarnTest::writerEnv());
-  uint32_t seq = 0;
-  // One frame a second, a key frame every 7 s, for 1900 s.
-  for (uint32_t t = 0; t <= 1900; ++t) ASSERT_EQ(write(*w, t % 7 == 0 ? I : P, seq++, T + t, 16), 0);
-  closeAndWait(w);
-  std::vector<RecordFileName> f = files(2);
-  ASSERT_EQ(f.size(), 2u);
-  // 1800 s reached at t=1800, but the next key frame is at t=1806.
-  EXPECT_EQ(f[0].beginTime, T);
-  EXPECT_EQ(f[0].endTime, T + 1805);
-  EXPECT_EQ(f[1].beginTime, T + 1806);
-  EXPECT_EQ(f[1].endTime, T + 1900);
-  EXPECT_EQ(framesIn(f[0]).size(), 1806u);
-}
-
-TEST_F(StreamWriterTest, CutsAtTheMaximumLengthButNotBeforeTheMinimumCutTime) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 3, 1, true, ZarnTest::writerEnv());
-  // 60 KB key frames every second: the 200000-byte limit is passed after four
-  // frames, but a file is not cut before it is 30 s old.
-  for (uint32_t t = 0; t < 40; ++t) ASSERT_EQ(write(*w, I, t, T + t, 60000), 0);
-  closeAndWait(w);
-  std::vector<RecordFileName> f = files(3);
-  ASSERT_EQ(f.size(), 2u);
-  EXPECT_EQ(f[0].beginTime, T);
-  EXPECT_EQ(f[0].endTime, T + 29);
-  EXPECT_EQ(framesIn(f[0]).size(), 30u);
-  EXPECT_EQ(f[1].beginTime, T + 30);
-  EXPECT_EQ(f[1].endTime, T + 39);
+TEST_F(StreamWriterTest, CutsAtTheMaximumDurationOrLengthOnlyAtAKeyFrameAndNotBeforeTheMinimumCutTime) {
+  struct Case {
+    const char* what;
+    uint32_t seconds, keyEvery, payload;  // one frame a second
+    Spans files;
+  };
+  const Case cases[] = {
+      // 1800 s reached at t=1800, but the next key frame is at t=1806.
+      {"duration", 1901, 7, 16, {{0, 1805}, {1806, 1900}}},
+      // 60 KB key frames: the 200000-byte limit is passed after four frames,
+      // but a file is not cut before it is 30 s old.
+      {"length", 40, 1, 60000, {{0, 29}, {30, 39}}},
+  };
+  uint32_t sid = 2;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto w = writer(sid);
+    for (uint32_t t = 0; t < c.seconds; ++t) ASSERT_EQ(write(*w, t % c.keyEvery == 0 ? I : P, t, T + t, c.payload), 0);
+    std::vector<RecordFileName> f = closeAndList(w, sid++);
+    EXPECT_EQ(spans(f), c.files);
+    ASSERT_FALSE(f.empty());
+    EXPECT_EQ(framesIn(f[0]).size(), c.files[0].second + 1);
+  }
 }
 
 TEST_F(StreamWriterTest, ATimeHopOf601SecondsCutsAtTheNextKeyFrameAnd600DoesNot) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 4, 1, true, ZarnTest::writerEnv());
+  auto w = writer(4);
   uint32_t seq = 0;
   ASSERT_EQ(write(*w, I, seq++, T, 16, 0), 0);
   ASSERT_EQ(write(*w, P, seq++, T + 40, 16, 40000), 0);
@@ -275,17 +244,12 @@ TEST_F(StreamWriterTest, ATimeHopOf601SecondsCutsAtTheNextKeyFrameAnd600DoesNot)
   // time (T+643) ends the hop with a cut.
   ASSERT_EQ(write(*w, I, seq++, T + 1250, 16, 44000), 0);
   ASSERT_EQ(write(*w, P, seq++, T + 1251, 16, 45000), 0);
-  closeAndWait(w);
-  std::vector<RecordFileName> f = files(4);
-  ASSERT_EQ(f.size(), 2u);
-  EXPECT_EQ(f[0].beginTime, T);
-  EXPECT_EQ(f[0].endTime, T + 640 + 3);  // +2 s and +1 s from the millisecond counter
-  EXPECT_EQ(f[1].beginTime, T + 1250);
-  EXPECT_EQ(f[1].endTime, T + 1251);
+  // +2 s and +1 s from the millisecond counter end the first file at T+643.
+  EXPECT_EQ(spans(closeAndList(w, 4)), (Spans{{0, 643}, {1250, 1251}}));
 }
 
 TEST_F(StreamWriterTest, AForcedCutHappensAtTheNextKeyFrame) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 5, 1, true, ZarnTest::writerEnv());
+  auto w = writer(5);
   uint32_t seq = 0;
   ASSERT_EQ(write(*w, I, seq++, T), 0);
   ASSERT_EQ(write(*w, P, seq++, T + 1), 0);
@@ -300,39 +264,33 @@ TEST_F(StreamWriterTest, AForcedCutHappensAtTheNextKeyFrame) {
   requester.join();
   EXPECT_EQ(result.load(), 1);
   ASSERT_EQ(write(*w, P, seq++, T + 4), 0);
-  closeAndWait(w);
-  std::vector<RecordFileName> f = files(5);
-  ASSERT_EQ(f.size(), 2u);
-  EXPECT_EQ(f[0].endTime, T + 2);
-  EXPECT_EQ(f[1].beginTime, T + 3);
+  EXPECT_EQ(spans(closeAndList(w, 5)), (Spans{{0, 2}, {3, 4}}));
 
   CMediaValues::instance().sdkState.store(ZARN_STATE_FAILED);
-  auto other = std::make_shared<CStreamWriter>(m_fs, 6, 1, true, ZarnTest::writerEnv());
+  auto other = writer(6);
   ASSERT_EQ(write(*other, I, 0, T), 0);
   EXPECT_FALSE(other->forceCutFile(T + 5));  // not while the store is failing
   closeAndWait(other);
 }
 
 TEST_F(StreamWriterTest, FlushPadsToTheStripeWithAPaddingFrame) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 7, 1, true, ZarnTest::writerEnv());
+  auto w = writer(7);
   ASSERT_EQ(write(*w, I, 0, T, 100), 0);
   ASSERT_EQ(w->flushFrame(), 0);
   ASSERT_EQ(write(*w, P, 1, T + 1, 100), 0);
-  closeAndWait(w);
-  std::vector<RecordFileName> f = files(7);
+  std::vector<RecordFileName> f = closeAndList(w, 7);
   ASSERT_EQ(f.size(), 1u);
   CRecordFile file(*m_fs, f[0]);
   ASSERT_TRUE(file.openForRead());
-  const uint32_t stripe = CMediaValues::instance().ecStripeSize.load();
-  EXPECT_EQ(file.length(), stripe + 132u);  // one frame, padding to the stripe, one frame
-  std::vector<Recorded> frames = framesIn(f[0]);
-  ASSERT_EQ(frames.size(), 2u);
+  // One frame, padding to the stripe, one frame.
+  EXPECT_EQ(file.length(), CMediaValues::instance().ecStripeSize.load() + 132u);
+  EXPECT_EQ(framesIn(f[0]), (std::vector<uint32_t>{0, 1}));
 }
 
 TEST_F(StreamWriterTest, AnAsyncCacheHoldsAtMostAHundredFrames) {
   // The first file creation stalls, so the worker cannot drain the cache.
   m_backend->addRule(firstCreateStalls(1500));
-  auto w = std::make_shared<CStreamWriter>(m_fs, 8, 1, false, ZarnTest::writerEnv());
+  auto w = writer(8, false);
   int accepted = 0;
   unsigned long long taken = 1;
   int32_t r = 0;
@@ -345,8 +303,7 @@ TEST_F(StreamWriterTest, AnAsyncCacheHoldsAtMostAHundredFrames) {
   // At most one pass (25 frames) left the cache before the store stalled.
   EXPECT_GE(accepted, 100);
   EXPECT_LE(accepted, 125);
-  closeAndWait(w);
-  std::vector<RecordFileName> f = files(8);
+  std::vector<RecordFileName> f = closeAndList(w, 8);
   ASSERT_EQ(f.size(), 1u);
   EXPECT_EQ(framesIn(f[0]).size(), static_cast<size_t>(accepted));  // close flushed every cached frame
 }
@@ -355,15 +312,14 @@ TEST_F(StreamWriterTest, AnAsyncWriterClosedAtOnceKeepsEveryAcknowledgedFrame) {
   // The close may run before any queue thread has taken the writer: frames
   // already taken into the cache must still be written.
   for (uint32_t sid = 100; sid < 120; ++sid) {
-    auto w = std::make_shared<CStreamWriter>(m_fs, sid, 1, false, ZarnTest::writerEnv());
+    auto w = writer(sid, false);
     size_t acknowledged = 0;
     for (uint32_t seq = 0; seq < 30; ++seq) {
       unsigned long long taken = 0;
       ASSERT_EQ(write(*w, seq == 0 ? I : P, seq, T, 40, 0, &taken), 0);
       if (taken != 0) ++acknowledged;
     }
-    closeAndWait(w);
-    std::vector<RecordFileName> f = files(sid);
+    std::vector<RecordFileName> f = closeAndList(w, sid);
     ASSERT_EQ(f.size(), 1u) << "stream " << sid;
     EXPECT_EQ(framesIn(f[0]).size(), acknowledged) << "stream " << sid;
   }
@@ -386,56 +342,46 @@ TEST_F(StreamWriterTest, AnAsyncWriterRecordsTheBytesOfASyncWriterWhateverTheSto
     closeAndWait(w);
   };
   record(m_fs, true);
-  const std::map<std::string, std::string> expected = bucketContents(m_root, 20);
+  const std::map<std::string, std::string> expected = bucketContents(m_store.root, 20);
   ASSERT_EQ(expected.size(), 3u);  // cut by length, by the hop, by length
 
   // The first file creation stalls, so the cache fills and passes carry many
   // frames: written whole, in parts, and given up when the store takes nothing.
   for (uint32_t cap : {0xFFFFFFFFu, 1000u}) {
     SCOPED_TRACE(cap);
-    const std::string root = m_dir.sub("async" + std::to_string(cap));
+    const std::string root = m_store.dir.sub("async" + std::to_string(cap));
     auto shortWrites = std::make_shared<CShortWriteBackend>(makeLocalStoreBackend(root), cap, cap == 1000 ? 7 : 0);
     auto backend = std::make_shared<CFaultInjectingBackend>(shortWrites);
     backend->addRule(firstCreateStalls(300));
-    auto fs = std::make_shared<CZarnFileSystem>();
-    Config config{root.c_str(), 0, "root", ""};
-    ASSERT_TRUE(fs->initializeWithBackend(config, backend));
-    record(fs, false);
+    record(ZarnTest::openStore(root, backend), false);
     EXPECT_TRUE(bucketContents(root, 20) == expected);
     if (cap == 1000) {
-      EXPECT_GT(shortWrites->shortWrites(), 0u);
-      EXPECT_GT(shortWrites->emptyWrites(), 0u);
+      EXPECT_GT(shortWrites->m_short.load(), 0u);
+      EXPECT_GT(shortWrites->m_empty.load(), 0u);
     }
   }
 }
 
 TEST_F(StreamWriterTest, AStoreThatTakesNothingDoesNotHoldAWorker) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 9, 1, false, ZarnTest::writerEnv());
+  auto w = writer(9, false);
   ASSERT_EQ(write(*w, I, 0, T), 0);
   ASSERT_TRUE(ZarnTest::waitFor([&] { return files(9).size() == 1 && w->isIdle(); }));
-  FaultRule zero;
-  zero.op = StoreOp::FileWrite;
-  zero.zeroBytes = true;
-  m_backend->addRule(zero);
+  m_backend->addRule(ZarnTest::faultOn(StoreOp::FileWrite, 0xFFFFFFFFu, true));
   for (uint32_t seq = 1; seq < 10; ++seq) ASSERT_EQ(write(*w, P, seq, T), 0);
   // The worker gives its pass up and goes idle while the store takes nothing.
   ASSERT_TRUE(ZarnTest::waitFor([&] { return w->isIdle() && m_backend->callCount(StoreOp::FileWrite) > 3; }));
   EXPECT_FALSE(w->isFileFault());
   m_backend->clearRules();
   ASSERT_EQ(write(*w, P, 10, T + 1), 0);  // the next frame resubmits the writer
-  closeAndWait(w);
-  std::vector<RecordFileName> f = files(9);
+  std::vector<RecordFileName> f = closeAndList(w, 9);
   ASSERT_EQ(f.size(), 1u);
   EXPECT_EQ(framesIn(f[0]).size(), 11u);
 }
 
 TEST_F(StreamWriterTest, AWriteErrorIsAOneWayFileFault) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 10, 1, true, ZarnTest::writerEnv());
+  auto w = writer(10);
   ASSERT_EQ(write(*w, I, 0, T), 0);
-  FaultRule fail;
-  fail.op = StoreOp::FileWrite;
-  fail.times = 1;
-  m_backend->addRule(fail);
+  m_backend->addRule(ZarnTest::faultOn(StoreOp::FileWrite, 1));
   EXPECT_EQ(write(*w, P, 1, T), -3);
   EXPECT_TRUE(w->isFileFault());
   EXPECT_EQ(write(*w, I, 2, T + 1), -3);  // stays faulted after the store recovers
@@ -445,8 +391,7 @@ TEST_F(StreamWriterTest, AWriteErrorIsAOneWayFileFault) {
 
 TEST_F(StreamWriterTest, TheFacadeRegistersWritesAndDeletesStreams) {
   CMediaClientInternal client;
-  Config config{m_root.c_str(), 0, "root", ""};
-  ASSERT_EQ(client.initialize(config, nullptr), 0);
+  ASSERT_EQ(client.initialize(Config{m_store.root.c_str(), 0, "root", ""}, nullptr), 0);
   ZarnTest::LogCapture log;
   EXPECT_EQ(client.addStream(11, 2, true), -1);  // no policy and no configured default
   EXPECT_TRUE(log.contains("addStream(11) failed because of no cover policy!"));
@@ -456,17 +401,17 @@ TEST_F(StreamWriterTest, TheFacadeRegistersWritesAndDeletesStreams) {
   EXPECT_EQ(client.addStream(11, 2, true), -1);
   EXPECT_TRUE(log.contains("stream(11) has existed!"));
 
-  std::vector<uint8_t> bytes = ZarnTest::makeFrame(I, 0, 0, T, 40);
+  std::vector<uint8_t> bytes;
   VeltoFrame frame;
-  frame.attach(bytes.data());
   unsigned long long position = 0;
-  EXPECT_EQ(client.writeFrame(11, &frame, 0, position), 0);
-  EXPECT_EQ(position, bytes.size());
-  EXPECT_EQ(client.flushFrame(11), 0);
-  for (uint32_t seq = 1; seq <= 5; ++seq) {
-    bytes = ZarnTest::makeFrame(P, 0, seq, T + seq, 40);
+  for (uint32_t seq = 0; seq <= 5; ++seq) {
+    bytes = ZarnTest::makeFrame(seq == 0 ? I : P, 0, seq, T + seq, 40);
     frame.attach(bytes.data());
     ASSERT_EQ(client.writeFrame(11, &frame, 0, position), 0);
+    EXPECT_EQ(position, bytes.size());
+    if (seq == 0) {
+      EXPECT_EQ(client.flushFrame(11), 0);
+    }
   }
   // The file still being written is reported up to the writer's last frame.
   std::vector<RecordClip> clips;
@@ -489,30 +434,15 @@ TEST_F(StreamWriterTest, TheFacadeRegistersWritesAndDeletesStreams) {
   ASSERT_EQ(list.size(), 1u);
   EXPECT_EQ(list[0].endTime, T + 5);
   EXPECT_EQ(list[0].missing, 0);
-  EXPECT_EQ(std::string(list[0].fileName), generateName(f[0]));
+  EXPECT_EQ(std::string(list[0].fileName), ZarnTest::recordPath(f[0]));
   std::vector<bool> status;
   EXPECT_EQ(client.queryRecordStatus(11, T + 60, T, status, 60), -1);  // a range that ends before it begins
   ASSERT_EQ(client.queryRecordStatus(11, T - 60, T + 60, status, 60), 0);
   EXPECT_EQ(status, (std::vector<bool>{false, true}));
 }
 
-// A frame with one SVC descriptor (tag 0x94, level count, layer flag) in a
-// 4-byte extension area.
-std::vector<uint8_t> svcFrame(uint8_t type, uint32_t seq, uint32_t time, uint8_t levels, uint8_t layer) {
-  std::vector<uint8_t> plain = ZarnTest::makeFrame(type, 0, seq, time, 40);
-  std::vector<uint8_t> f(plain.size());
-  std::memcpy(f.data(), plain.data(), plain.size());
-  f[22] = 4;  // extension length
-  f[24] = 0x94;
-  f[25] = levels;
-  f[26] = layer;
-  f[27] = 0;
-  sealFrameHead(f.data());
-  return f;
-}
-
 TEST_F(StreamWriterTest, SvcScreeningDropsFramesThatCannotBeDecoded) {
-  auto w = std::make_shared<CStreamWriter>(m_fs, 12, 1, true, ZarnTest::writerEnv());
+  auto w = writer(12);
   ZarnTest::LogCapture log;
   struct In {
     uint8_t type;
@@ -530,7 +460,12 @@ TEST_F(StreamWriterTest, SvcScreeningDropsFramesThatCannotBeDecoded) {
       {P, 14, 3, 0},                                         // nothing decodes until a key frame
       {I, 15, 3, 0}};
   for (const In& in : frames) {
-    std::vector<uint8_t> bytes = svcFrame(in.type, in.seq, T + in.seq, in.levels, in.layer);
+    // One SVC descriptor (tag 0x94, level count, layer flag) in a 4-byte
+    // extension area.
+    std::vector<uint8_t> bytes = ZarnTest::makeFrame(in.type, 0, in.seq, T + in.seq, 40);
+    bytes[22] = 4;  // extension length
+    std::memcpy(&bytes[24], std::vector<uint8_t>{0x94, in.levels, in.layer, 0}.data(), 4);
+    sealFrameHead(bytes.data());
     VeltoFrame frame;
     frame.attach(bytes.data());
     unsigned long long written = 0;
@@ -539,12 +474,9 @@ TEST_F(StreamWriterTest, SvcScreeningDropsFramesThatCannotBeDecoded) {
   EXPECT_TRUE(log.contains("SVC m_allLevels=0"));
   EXPECT_TRUE(log.contains("SVC not find keyFrame"));
   EXPECT_TRUE(log.contains("SVC index[13], svc0[8], total[3]"));
-  closeAndWait(w);
-  std::vector<RecordFileName> f = files(12);
+  std::vector<RecordFileName> f = closeAndList(w, 12);
   ASSERT_EQ(f.size(), 1u);
-  std::vector<uint32_t> seqs;
-  for (const Recorded& r : framesIn(f[0])) seqs.push_back(r.sequence);
-  EXPECT_EQ(seqs, (std::vector<uint32_t>{0, 1, 2, 3, 4, 5, 8, 15}));
+  EXPECT_EQ(framesIn(f[0]), (std::vector<uint32_t>{0, 1, 2, 3, 4, 5, 8, 15}));
   CRecordFile file(*m_fs, f[0]);
   ASSERT_TRUE(file.openForRead());
   std::vector<uint32_t> indexed;
@@ -554,13 +486,11 @@ TEST_F(StreamWriterTest, SvcScreeningDropsFramesThatCannotBeDecoded) {
 
 TEST_F(StreamWriterTest, AWriteRacingADeleteCompletesOnItsEngine) {
   CMediaClientInternal client;
-  Config config{m_root.c_str(), 0, "root", ""};
-  ASSERT_EQ(client.initialize(config, nullptr), 0);
+  ASSERT_EQ(client.initialize(Config{m_store.root.c_str(), 0, "root", ""}, nullptr), 0);
   ASSERT_EQ(client.setRecyclePolicy(13, 24, 0), 0);
   ASSERT_EQ(client.addStream(13, 1, true), 0);
   std::weak_ptr<CStreamWriter> weak = CMediaContext::instance().streams().getStreamWriter(13);
   std::atomic<int> recorded{0}, unknown{0}, other{0};
-  std::atomic<bool> started{false};
   std::thread host([&] {
     for (uint32_t seq = 0; unknown == 0; ++seq) {
       std::vector<uint8_t> bytes = ZarnTest::makeFrame(seq % 25 == 0 ? I : P, 0, seq, T + seq / 25, 400);
@@ -571,7 +501,6 @@ TEST_F(StreamWriterTest, AWriteRacingADeleteCompletesOnItsEngine) {
       if (r == -4) ++unknown;
       else if (r != 0) ++other;
       else if (written != 0) ++recorded;  // 0 with nothing written: dropped by a closed writer
-      started = true;
     }
   });
   ASSERT_TRUE(ZarnTest::waitFor([&] { return recorded.load() > 50; }));
@@ -586,33 +515,6 @@ TEST_F(StreamWriterTest, AWriteRacingADeleteCompletesOnItsEngine) {
     inFiles += framesIn(f).size();
   }
   EXPECT_EQ(inFiles, static_cast<size_t>(recorded.load()));
-}
-
-TEST_F(StreamWriterTest, TheIndexFixScanListsTheLastHourOfRegisteredStreams) {
-  Velto::Kandu::CManualClock clock(Velto::Kandu::systemClock().wallClockMs());
-  CMediaClientInternal client(clock);
-  ZarnTest::LogCapture log(Velto::Kandu::LOG_INFO);
-  Config config{m_root.c_str(), 0, "root", ""};
-  ASSERT_EQ(client.setRecyclePolicy(14, 24, 0), 0);
-  ASSERT_EQ(client.addStream(14, 1, true), 0);
-  // A closed file of the hour before the scan without an index, and one from the day before.
-  const uint32_t scanAt =
-      CMediaValues::instance().localNow(clock) + CMediaClientInternal::kFixIndexDelayMs / 1000;
-  ASSERT_TRUE(m_fs->createBucket("media_14"));
-  for (uint32_t age : {600u, 86400u}) {
-    RecordFileName n;
-    n.streamId = 14;
-    n.beginTime = scanAt - age;
-    n.endTime = scanAt - age + 300;
-    n.type = 1;
-    n.indexState = RECORD_INDEX_MISSING;
-    ASSERT_TRUE(m_fs->createFile(generateName(n), 1, 1)->close());
-  }
-  ASSERT_EQ(client.initialize(config, nullptr), 0);
-  clock.advance(CMediaClientInternal::kFixIndexDelayMs);
-  EXPECT_EQ(log.count("check 1 files"), 1u);
-  EXPECT_EQ(log.count("stream totalNum = 1"), 1u);
-  EXPECT_EQ(client.deleteStream(14), 0);
 }
 
 }  // namespace

@@ -1,30 +1,49 @@
+// The engines' shared machinery: the work queue their runs go through, and the
+// registry of writers and playback sessions.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <climits>
+#include <functional>
 #include <mutex>
+#include <set>
 #include <vector>
 
 #include "KanduSync.h"
 #include "KanduThread.h"
+#include "StreamMgr.h"
 #include "TestSupport.h"
 #include "WorkQueue.h"
 
 using namespace Velto::Zarn;
+using ZarnTest::waitFor;
 
 namespace {
 
-class RecordingItem : public CWorkItem {
+// An item whose run is a function.
+class FnItem : public CWorkItem {
  public:
-  RecordingItem(int id, std::vector<int>& order, std::mutex& m) : m_id(id), m_order(order), m_mutex(m) {}
-  void execute() override {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_order.push_back(m_id);
-  }
+  explicit FnItem(std::function<void()> run) : m_run(std::move(run)) {}
+  void execute() override { m_run(); }
 
  private:
-  int m_id;
-  std::vector<int>& m_order;
-  std::mutex& m_mutex;
+  std::function<void()> m_run;
+};
+
+// Item runs appended to a list in the order they happen.
+struct RunLog {
+  std::mutex mutex;
+  std::vector<int> order;
+  std::function<void()> run(int id) {
+    return [this, id] {
+      std::lock_guard<std::mutex> lock(mutex);
+      order.push_back(id);
+    };
+  }
+  std::vector<int> seen() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return order;
+  }
 };
 
 // Runs until released; counts how many of its runs overlap.
@@ -45,17 +64,17 @@ class SlowItem : public CWorkItem {
 };
 
 TEST(WorkQueue, OneThreadRunsItemsInSubmissionOrder) {
-  std::vector<int> order;
-  std::mutex m;
-  std::vector<std::unique_ptr<RecordingItem>> items;
-  for (int i = 0; i < 20; ++i) items.push_back(std::make_unique<RecordingItem>(i, order, m));
+  RunLog log;
+  std::vector<std::unique_ptr<FnItem>> items;
+  std::vector<int> expected;
+  for (int i = 0; i < 20; ++i) {
+    items.push_back(std::make_unique<FnItem>(log.run(i)));
+    expected.push_back(i);
+  }
   CWorkQueue queue(1, true);
   for (auto& item : items) ASSERT_TRUE(queue.submit(item.get()));
-  ASSERT_TRUE(ZarnTest::waitFor([&] {
-    std::lock_guard<std::mutex> lock(m);
-    return order.size() == 20;
-  }));
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(order[i], i);
+  ASSERT_TRUE(waitFor([&] { return log.seen().size() == 20; }));
+  EXPECT_EQ(log.seen(), expected);
   queue.destroy();
 }
 
@@ -63,7 +82,7 @@ TEST(WorkQueue, ALockingQueueNeverRunsOneItemConcurrently) {
   SlowItem item;
   CWorkQueue queue(4, true);
   for (int i = 0; i < 12; ++i) queue.submit(&item);  // deliberately queued more than once
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return item.m_runs.load() == 12; }));
+  ASSERT_TRUE(waitFor([&] { return item.m_runs.load() == 12; }));
   EXPECT_EQ(item.m_maxRunning.load(), 1);
   queue.destroy();
 }
@@ -71,13 +90,12 @@ TEST(WorkQueue, ALockingQueueNeverRunsOneItemConcurrently) {
 TEST(WorkQueue, CancelTakesOnlyQueuedItems) {
   SlowItem blocker;
   blocker.m_hold = true;
-  std::vector<int> order;
-  std::mutex m;
-  RecordingItem queued(1, order, m), never(2, order, m), marker(3, order, m);
+  RunLog log;
+  FnItem queued(log.run(1)), never(log.run(2)), marker(log.run(3));
   CWorkQueue queue(1, true);
   EXPECT_FALSE(queue.cancel(&never));  // not queued: nothing changes
   queue.submit(&blocker);
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return blocker.m_running.load() == 1; }));
+  ASSERT_TRUE(waitFor([&] { return blocker.m_running.load() == 1; }));
   EXPECT_FALSE(queue.cancel(&blocker));  // running, not pending
   queue.submit(&queued);
   queue.submit(&never);
@@ -87,12 +105,8 @@ TEST(WorkQueue, CancelTakesOnlyQueuedItems) {
   // One thread runs items in order: the marker runs after anything still queued.
   queue.submit(&marker);
   blocker.m_hold = false;
-  ASSERT_TRUE(ZarnTest::waitFor([&] {
-    std::lock_guard<std::mutex> lock(m);
-    return order.size() >= 2;
-  }));
-  std::lock_guard<std::mutex> lock(m);
-  EXPECT_EQ(order, (std::vector<int>{1, 3}));
+  ASSERT_TRUE(waitFor([&] { return log.seen().size() >= 2; }));
+  EXPECT_EQ(log.seen(), (std::vector<int>{1, 3}));
 }
 
 TEST(WorkQueue, PassingTheItemMutexWaitsForARunningExecute) {
@@ -100,7 +114,7 @@ TEST(WorkQueue, PassingTheItemMutexWaitsForARunningExecute) {
   item.m_hold = true;
   CWorkQueue queue(2, true);
   queue.submit(&item);
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return item.m_running.load() == 1; }));
+  ASSERT_TRUE(waitFor([&] { return item.m_running.load() == 1; }));
   std::atomic<bool> passed{false};
   std::thread waiter([&] {
     item.passItemMutex();
@@ -114,41 +128,19 @@ TEST(WorkQueue, PassingTheItemMutexWaitsForARunningExecute) {
   EXPECT_EQ(item.m_running.load(), 0);
 }
 
-// Submits `next` from inside its run, then keeps its thread until `next` has
-// run: an item left to a thread that stays busy is still run by another.
-class HandOffItem : public CWorkItem {
- public:
-  HandOffItem(CWorkQueue& queue, CWorkItem& next, std::atomic<bool>& nextRan)
-      : m_queue(queue), m_next(next), m_nextRan(nextRan) {}
-  void execute() override {
-    m_submitted = m_queue.submit(&m_next);
-    for (int i = 0; i < 10000 && !m_nextRan.load(); ++i) Velto::Kandu::sleepMs(1);
-  }
-  std::atomic<bool> m_submitted{false};
-
- private:
-  CWorkQueue& m_queue;
-  CWorkItem& m_next;
-  std::atomic<bool>& m_nextRan;
-};
-
-class FlagItem : public CWorkItem {
- public:
-  explicit FlagItem(std::atomic<bool>& ran) : m_ran(ran) {}
-  void execute() override { m_ran = true; }
-
- private:
-  std::atomic<bool>& m_ran;
-};
-
 TEST(WorkQueue, AnItemSubmittedByABusyRunStillRunsWhileThatRunLasts) {
-  std::atomic<bool> nextRan{false};
-  FlagItem next(nextRan);
+  // The first item submits the next from inside its run, then keeps its thread
+  // until the next has run: an item left to a busy thread is run by another.
+  std::atomic<bool> nextRan{false}, submitted{false};
+  FnItem next([&] { nextRan = true; });
   CWorkQueue queue(2, true);
-  HandOffItem first(queue, next, nextRan);
+  FnItem first([&] {
+    submitted = queue.submit(&next);
+    for (int i = 0; i < 10000 && !nextRan.load(); ++i) Velto::Kandu::sleepMs(1);
+  });
   ASSERT_TRUE(queue.submit(&first));
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return nextRan.load(); }));
-  EXPECT_TRUE(first.m_submitted.load());
+  ASSERT_TRUE(waitFor([&] { return nextRan.load(); }));
+  EXPECT_TRUE(submitted.load());
   queue.destroy();
 }
 
@@ -156,25 +148,17 @@ TEST(WorkQueue, ManyShortSubmissionsAllRunOnce) {
   // Items resubmitted from their own runs while others are submitted from
   // outside: each runs once per submission, whichever thread takes it.
   std::atomic<int> runs{0};
-  class Counting : public CWorkItem {
-   public:
-    Counting(std::atomic<int>& runs, CWorkQueue*& queue, int again) : m_runs(runs), m_queue(queue), m_again(again) {}
-    void execute() override {
-      ++m_runs;
-      if (m_again-- > 0) m_queue->submit(this);
-    }
-
-   private:
-    std::atomic<int>& m_runs;
-    CWorkQueue*& m_queue;
-    int m_again;
-  };
   CWorkQueue queue(4, true);
-  CWorkQueue* q = &queue;
-  std::vector<std::unique_ptr<Counting>> items;
-  for (int i = 0; i < 50; ++i) items.push_back(std::make_unique<Counting>(runs, q, 9));
+  std::vector<std::unique_ptr<FnItem>> items;
+  std::vector<int> again(50, 9);
+  for (int i = 0; i < 50; ++i) {
+    items.push_back(std::make_unique<FnItem>([&, i] {
+      ++runs;
+      if (again[i]-- > 0) queue.submit(items[i].get());
+    }));
+  }
   for (auto& item : items) ASSERT_TRUE(queue.submit(item.get()));
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return runs.load() >= 500 && queue.pendingCount() == 0; }));
+  ASSERT_TRUE(waitFor([&] { return runs.load() >= 500 && queue.pendingCount() == 0; }));
   queue.destroy();  // joins the threads: every run begun has ended
   EXPECT_EQ(runs.load(), 500);
 }
@@ -182,12 +166,11 @@ TEST(WorkQueue, ManyShortSubmissionsAllRunOnce) {
 TEST(WorkQueue, DestroyDropsPendingItemsAndRefusesNewOnes) {
   SlowItem blocker;
   blocker.m_hold = true;
-  std::vector<int> order;
-  std::mutex m;
-  RecordingItem pending(7, order, m);
+  RunLog log;
+  FnItem pending(log.run(7));
   CWorkQueue queue(1, false);
   queue.submit(&blocker);
-  ASSERT_TRUE(ZarnTest::waitFor([&] { return blocker.m_running.load() == 1; }));
+  ASSERT_TRUE(waitFor([&] { return blocker.m_running.load() == 1; }));
   for (int i = 0; i < 5; ++i) queue.submit(&pending);
   std::thread release([&] {
     Velto::Kandu::sleepMs(50);
@@ -196,8 +179,42 @@ TEST(WorkQueue, DestroyDropsPendingItemsAndRefusesNewOnes) {
   queue.destroy();  // drops the pending entries, then joins the busy thread
   release.join();
   EXPECT_FALSE(queue.submit(&pending));
-  std::lock_guard<std::mutex> lock(m);
-  EXPECT_TRUE(order.empty());
+  EXPECT_TRUE(log.seen().empty());
+}
+
+TEST(StreamMgr, SessionIdsCountFromOneSkipIdsInUseAndWrapToZero) {
+  CStreamMgr mgr;
+  EXPECT_EQ(mgr.addStreamReader(nullptr), 1);
+  EXPECT_EQ(mgr.addStreamReader(nullptr), 2);
+  EXPECT_EQ(mgr.addStreamReader(nullptr), 3);
+  mgr.delStreamReader(2);
+  // A deleted id is not handed out again until the counter wraps.
+  EXPECT_EQ(mgr.addStreamReader(nullptr), 4);
+  mgr.setLastSessionIdForTest(3);  // 4 is still in use
+  EXPECT_EQ(mgr.addStreamReader(nullptr), 5);
+
+  mgr.setLastSessionIdForTest(INT_MAX - 1);
+  EXPECT_EQ(mgr.addStreamReader(nullptr), INT_MAX);
+  EXPECT_EQ(mgr.addStreamReader(nullptr), 0);  // negative counter values give candidate 0
+}
+
+TEST(StreamMgr, WritersKeepTheFirstRegistrationAndReportIdsInOrder) {
+  CStreamMgr mgr;
+  mgr.addStreamWriter(9, nullptr);
+  mgr.addStreamWriter(3, nullptr);
+  mgr.addStreamWriter(9, nullptr);
+  EXPECT_EQ(mgr.getStreamWriterCount(), 2);
+  EXPECT_TRUE(mgr.hasStreamWriter(3));
+  EXPECT_FALSE(mgr.hasStreamWriter(4));
+
+  std::set<uint32_t> ids{100};
+  EXPECT_EQ(mgr.getStreamIds(ids), 3u);  // adds to what the set holds
+  EXPECT_EQ(std::vector<uint32_t>(ids.begin(), ids.end()), (std::vector<uint32_t>{3, 9, 100}));
+
+  mgr.delStreamWriter(9);
+  mgr.delStreamWriter(9);  // absent ids are ignored
+  EXPECT_EQ(mgr.getStreamWriterCount(), 1);
+  EXPECT_FALSE(mgr.hasStreamWriter(9));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "KanduTime.h"
+#include "LocalStoreBackend.h"
 #include "MediaContext.h"
 #include "VeltoFrame.h"
 
@@ -110,6 +111,48 @@ class ConfigDirEnvironment : public ::testing::Environment {
 bool useConfigFileForProcess(const std::string& json) {
   ::testing::AddGlobalTestEnvironment(new ConfigDirEnvironment(json));
   return true;
+}
+
+std::shared_ptr<Velto::Zarn::CZarnFileSystem> openStore(const std::string& root,
+                                                       std::shared_ptr<Velto::Zarn::IStoreBackend> backend) {
+  auto fs = std::make_shared<Velto::Zarn::CZarnFileSystem>();
+  EXPECT_TRUE(fs->initializeWithBackend(Velto::Zarn::Config{root.c_str(), 0, "root", ""}, std::move(backend)))
+      << Velto::Zarn::getErrorMsg();
+  return fs;
+}
+
+Velto::Zarn::FaultRule faultOn(Velto::Zarn::StoreOp op, uint32_t times, bool zeroBytes) {
+  Velto::Zarn::FaultRule rule;
+  rule.op = op;
+  rule.times = times;
+  rule.zeroBytes = zeroBytes;
+  return rule;
+}
+
+FaultyLocalStore::FaultyLocalStore()
+    : backend(std::make_shared<Velto::Zarn::CFaultInjectingBackend>(Velto::Zarn::makeLocalStoreBackend(root))),
+      fs(openStore(root, backend)) {}
+
+std::string recordPath(const Velto::Zarn::RecordFileName& name) {
+  std::string path;
+  EXPECT_TRUE(Velto::Zarn::generateRecordFileName(name, path));
+  return path;
+}
+
+std::vector<Velto::Zarn::RecordFileName> listRecords(Velto::Zarn::CZarnFileSystem& fs, uint32_t sid) {
+  using namespace Velto::Zarn;
+  std::vector<RecordFileName> out;
+  const std::string bucket = bucketName(sid, BUCKET_KIND_MEDIA);
+  const CBucket handle = fs.getBucket(bucket);
+  CFileList list;
+  if (!handle.isValid() || !handle.list(list, "", "", 100000)) return out;
+  for (const StoreEntry& e : list) {
+    RecordFileName n;
+    EXPECT_TRUE(parseRecordFileName(bucket + "/" + e.name, n)) << e.name;
+    n.size = e.size;
+    out.push_back(n);
+  }
+  return out;
 }
 
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs) {

@@ -3,13 +3,16 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "EngineEnv.h"
 #include "KanduClock.h"
+#include "FaultInjectingBackend.h"
 #include "KanduLog.h"
+#include "RecordFileName.h"
 
 namespace ZarnTest {
 
@@ -61,6 +64,30 @@ bool useConfigFileForProcess(const std::string& json);
 // `clock`, for tests that build engines themselves.
 Velto::Zarn::EngineEnv writerEnv(const Velto::Kandu::IClock& clock = Velto::Kandu::systemClock());
 Velto::Zarn::EngineEnv readerEnv(const Velto::Kandu::IClock& clock = Velto::Kandu::systemClock());
+
+// A store client on `backend`, connected as the local store at `root`.
+std::shared_ptr<Velto::Zarn::CZarnFileSystem> openStore(const std::string& root,
+                                                       std::shared_ptr<Velto::Zarn::IStoreBackend> backend);
+
+// A rule failing `times` calls of `op` with an I/O error, or, with
+// `zeroBytes`, making them move no bytes.
+Velto::Zarn::FaultRule faultOn(Velto::Zarn::StoreOp op, uint32_t times = 0xFFFFFFFFu, bool zeroBytes = false);
+
+// A local store in a fresh directory behind a fault-injecting backend.
+struct FaultyLocalStore {
+  FaultyLocalStore();
+  TempDir dir;
+  std::string root = dir.sub("store");
+  std::shared_ptr<Velto::Zarn::CFaultInjectingBackend> backend;
+  std::shared_ptr<Velto::Zarn::CZarnFileSystem> fs;
+};
+
+// The full name of a record or index file (a test failure when it has none).
+std::string recordPath(const Velto::Zarn::RecordFileName& name);
+
+// The record files in stream `sid`'s media bucket, in listing order, sizes
+// filled in; empty without the bucket.
+std::vector<Velto::Zarn::RecordFileName> listRecords(Velto::Zarn::CZarnFileSystem& fs, uint32_t sid);
 
 // Polls `condition` every 2 ms until it holds or timeoutMs passes.
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);
