@@ -140,8 +140,8 @@ TEST(WorkQueue, AnItemSubmittedByABusyRunStillRunsWhileThatRunLasts) {
   });
   ASSERT_TRUE(queue.submit(&first));
   ASSERT_TRUE(waitFor([&] { return nextRan.load(); }));
+  queue.destroy();  // joins: the first run has stored what its submit returned
   EXPECT_TRUE(submitted.load());
-  queue.destroy();
 }
 
 TEST(WorkQueue, ManyShortSubmissionsAllRunOnce) {
