@@ -15,6 +15,7 @@
 #include "MediaLog.h"
 #include "MediaValues.h"
 #include "ZarnNames.h"
+#include "RecordLock.h"
 #include "RecordQuery.h"
 #include "StreamMgr.h"
 #include "StreamReader.h"
@@ -289,25 +290,7 @@ void CMediaClientInternal::setMaxLockRatio(int ratio) {
   }
 }
 
-int CMediaClientInternal::getLockRatio() const {
-  CZarnFileSystem& fs = store();
-  SystemInfo info{};
-  if (!fs.getSystemInfo(info)) {
-    ZLOG(ERROR, "GENERAL", getLastError(), "getSystemInfo failed. %s\n", getErrorMsg());
-    return -1;
-  }
-  uint64_t locked = 0;
-  if (!getLockSize(fs, locked)) {
-    ZLOG(ERROR, "GENERAL", 0, "getLockSize failed\n");
-    return -1;
-  }
-  uint64_t totalMiB = info.totalCapacity >> 20;
-  if (totalMiB == 0) {
-    ZLOG(ERROR, "GENERAL", 0, "getSystemInfo failed. %s\n", "the store reports no capacity");
-    return -1;
-  }
-  return static_cast<int>(locked * 10000 / totalMiB);
-}
+int CMediaClientInternal::getLockRatio() const { return lockRatio(store()); }
 
 int CMediaClientInternal::queryRecordClipList(unsigned streamId, unsigned beginTime, unsigned endTime,
                                               std::vector<RecordClip>& clips, unsigned durationPerClip) {
@@ -423,13 +406,68 @@ int CMediaClientInternal::deleteSession(unsigned sessionId) {
   return 0;
 }
 
-int CMediaClientInternal::lockStream(unsigned, std::vector<RecordClip>&) { return notAvailable(__FUNCTION__, -3); }
+bool CMediaClientInternal::cutWriterAt(unsigned streamId, unsigned time) {
+  std::shared_ptr<CStreamWriter> writer = CMediaContext::instance().streams().getStreamWriter(streamId);
+  // The file being written must not carry frames past the locked range unseen.
+  if (writer && !writer->forceCutFile(time)) {
+    ZLOG_IN(ERROR, "GENERAL", "lockStream", 0, "forceCutFile failed !\n");
+    return false;
+  }
+  return true;
+}
 
-int CMediaClientInternal::lockStream(unsigned, unsigned, unsigned) { return notAvailable(__FUNCTION__, -3); }
+int CMediaClientInternal::lockStream(unsigned streamId, unsigned beginTime, unsigned endTime) {
+  ZLOG(DEBUG, "GENERAL", 0, "lockStream: sid = %u, begin = %u, end = %u\n", streamId, beginTime, endTime);
+  if (!storeReady(__FUNCTION__)) return -3;
+  if (!cutWriterAt(streamId, endTime)) return -3;
+  CAutoLock lock(m_lockMutex);
+  return lockRange(queryEnv(), store(), streamId, beginTime, endTime, m_maxLockRatio);
+}
 
-int CMediaClientInternal::unlockStream(unsigned, unsigned, unsigned, unsigned char& lockNum, bool) {
+int CMediaClientInternal::lockStream(unsigned streamId, std::vector<RecordClip>& clips) {
+  ZLOG(DEBUG, "GENERAL", 0, "lockStream: sid = %u. size = %zu\n", streamId, clips.size());
+  if (clips.empty()) return 0;
+  // Clips in time order, none overlapping the one before: anything else would
+  // lock a file twice in one call, and unlocking the same list would not undo it.
+  for (size_t i = 0; i < clips.size(); ++i) {
+    if (clips[i].endTime < clips[i].beginTime || (i > 0 && clips[i].beginTime < clips[i - 1].endTime)) {
+      ZLOG(ERROR, "GENERAL", 0, "lockStream: clip %zu [%u, %u) is empty or not after the clip before it\n", i,
+           clips[i].beginTime, clips[i].endTime);
+      return -3;
+    }
+  }
+  if (!storeReady(__FUNCTION__)) return -3;
+  if (!cutWriterAt(streamId, clips.back().endTime)) return -3;
+  std::vector<std::pair<unsigned, unsigned>> done;
+  int result = 0;
+  for (size_t i = 0; i < clips.size();) {
+    // A run of adjacent clips is one range.
+    const unsigned begin = clips[i].beginTime;
+    unsigned end = clips[i].endTime;
+    for (++i; i < clips.size() && clips[i].beginTime == end; ++i) end = clips[i].endTime;
+    ZLOG(INFO, "GENERAL", 0, "lockstream  %s - %s\n", timeText(begin).c_str(), timeText(end).c_str());
+    const int locked = lockStream(streamId, begin, end);
+    done.emplace_back(begin, end);
+    if (locked == -1) {
+      result = -1;
+    } else if (locked != 0) {
+      unsigned char lockNum = 0;
+      for (const auto& [b, e] : done) unlockStream(streamId, b, e, lockNum, false);
+      return locked;
+    }
+  }
+  return result;
+}
+
+int CMediaClientInternal::unlockStream(unsigned streamId, unsigned beginTime, unsigned endTime,
+                                       unsigned char& lockNum, bool all) {
+  ZLOG(DEBUG, "GENERAL", 0, "unlockStream: sid = %u, begin = %u, end = %u\n", streamId, beginTime, endTime);
   lockNum = 0;
-  return notAvailable(__FUNCTION__, -1);
+  if (!storeReady(__FUNCTION__)) return -1;
+  uint8_t left = 0;
+  const int result = unlockRange(queryEnv(), store(), streamId, beginTime, endTime, left, all);
+  lockNum = left;
+  return result;
 }
 
 int CMediaClientInternal::setRecyclePolicy(unsigned streamId, unsigned durationHours, unsigned space) {

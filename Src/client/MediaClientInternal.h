@@ -111,6 +111,8 @@ class CMediaClientInternal : public IZarnListener {
   QueryEnv queryEnv() const;
   // false, with an error line naming `function`, before a successful initialize.
   bool storeReady(const char* function) const;
+  // Cuts the stream's file being written at `time` (true without a writer).
+  bool cutWriterAt(unsigned streamId, unsigned time);
 
   Velto::Kandu::IClock& m_clock;
   // Shared with the engines, which may outlive the client (they belong to the
@@ -118,7 +120,7 @@ class CMediaClientInternal : public IZarnListener {
   std::shared_ptr<CZarnFileSystem> m_fs;
   std::string m_address;  // the store this client's connection reached (guarded by m_stateMutex)
   int32_t m_zarnTimeout;
-  int32_t m_maxLockRatio;                 // percent; read by range locks
+  int32_t m_maxLockRatio;                 // percent; read by range locks (under m_lockMutex)
   Velto::Kandu::CMutex m_lockMutex;
   Velto::Kandu::CMutex m_stateMutex;
   Velto::Kandu::TFunction1<void, ZarnState> m_stateCallback;  // guarded by m_stateMutex

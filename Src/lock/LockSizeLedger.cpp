@@ -1,8 +1,10 @@
 #include "LockSizeLedger.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 #include "MediaLog.h"
 #include "KanduThread.h"
@@ -17,36 +19,28 @@ namespace {
 constexpr const char* kLedgerFormat = "lockSize_%" PRIu64 "_%" PRIu64 ".temp";
 constexpr const char* kGuardPath = "media_system/sys.lock";
 constexpr int kLedgerLookups = 5;
+// Names listed per look: one ledger, plus room to see leftovers.
+constexpr uint32_t kListedLedgers = 4;
+// A leftover beside a newest name this old is no rename in progress.
+constexpr int64_t kSettledLedgerSeconds = 120;
 
-bool parseLedgerPath(const std::string& path, uint64_t& total) {
-  size_t slash = path.find('/');
-  if (slash == std::string::npos) return false;
+struct LedgerName {
+  std::string name;  // without the bucket
+  uint64_t total = 0;
   uint64_t unique = 0;
-  return std::sscanf(path.c_str() + slash + 1, kLedgerFormat, &total, &unique) == 2;
+};
+
+bool parseLedgerName(const std::string& name, LedgerName& out) {
+  out.name = name;
+  return std::sscanf(name.c_str(), kLedgerFormat, &out.total, &out.unique) == 2;
 }
 
-// One ledger update: total' = change(total), by renaming the ledger.
-template <typename Change>
-int32_t updateLockSize(CZarnFileSystem& fs, Change change) {
-  for (;;) {
-    std::string current = getLockSizeFileName(fs);
-    uint64_t total = 0;
-    if (current.empty() || !parseLedgerPath(current, total)) return -1;
-    std::string next = generateLockSizeFileName(change(total));
-    if (next.empty()) return -1;
-    ZLOG(INFO, "GENERAL", 0, "rename : %s >> %s\n", current.c_str(), next.c_str());
-    if (fs.renameFile(current, next)) return 0;
-    // Typically another process moved the ledger first: read its new name.
-    ZLOG(INFO, "GENERAL", getLastError(), "rename failed : %s\n", getErrorMsg());
-    Velto::Kandu::sleepMs(10);
-  }
+bool parseLedgerPath(const std::string& path, LedgerName& out) {
+  size_t slash = path.find('/');
+  return slash != std::string::npos && parseLedgerName(path.substr(slash + 1), out);
 }
 
-}  // namespace
-
-std::string generateLockSizeFileName(uint64_t total) {
-  uint64_t unique = static_cast<uint64_t>(Velto::Kandu::systemClock().wallClockSeconds()) * 1000000ull + 100000ull +
-                    static_cast<uint64_t>(std::rand() % 900000);
+std::string makeLedgerPath(uint64_t total, uint64_t unique) {
   char name[128];
   int n = std::snprintf(name, sizeof(name), kLedgerFormat, total, unique);
   if (n <= 0 || static_cast<size_t>(n) >= sizeof(name)) {
@@ -56,6 +50,67 @@ std::string generateLockSizeFileName(uint64_t total) {
   return std::string(kSystemBucket) + "/" + name;
 }
 
+uint64_t freshUnique() {
+  return static_cast<uint64_t>(Velto::Kandu::systemClock().wallClockSeconds()) * 1000000ull + 100000ull +
+         static_cast<uint64_t>(std::rand() % 900000);
+}
+
+// Several ledger names that outlast the looks. A rename made of a link and an
+// unlink (CephFS) leaves its source and its target both in place when its
+// process dies in between, and the target is the newer name: every update
+// names its target with a unique part above its source's. So the newest name
+// is the ledger; choosing it is what keeps the total from swinging between
+// two chains of updates. An interrupted lock has counted its file (high by
+// that file); an interrupted unlock has taken it off (its file was unlocked).
+// Older names are removed once the newest is old enough that no rename into
+// it can still be running (hosts' clocks assumed within that margin).
+std::string chooseLedger(CZarnFileSystem& fs, const CNameList& names) {
+  std::vector<LedgerName> ledgers;
+  for (const std::string& name : names) {
+    LedgerName l;
+    if (parseLedgerName(name, l)) ledgers.push_back(l);
+  }
+  if (ledgers.empty()) return names.front();  // the caller reports it unreadable
+  auto newest = std::max_element(ledgers.begin(), ledgers.end(),
+                                 [](const LedgerName& a, const LedgerName& b) { return a.unique < b.unique; });
+  const int64_t now = Velto::Kandu::systemClock().wallClockSeconds();
+  const bool settled = static_cast<int64_t>(newest->unique / 1000000ull) + kSettledLedgerSeconds <= now;
+  for (const LedgerName& l : ledgers) {
+    if (&l == &*newest) continue;
+    if (!settled) {
+      // Usually another process's rename seen half done: routine under contention on CephFS.
+      ZLOG(INFO, "GENERAL", 0, "two lockSize files [%s] and [%s]: the newer is used\n", newest->name.c_str(),
+           l.name.c_str());
+    } else if (fs.removeFile(std::string(kSystemBucket) + "/" + l.name)) {
+      ZLOG(WARN, "GENERAL", 0, "removed stale lockSize file [%s] beside [%s]\n", l.name.c_str(),
+           newest->name.c_str());
+    }
+  }
+  return newest->name;
+}
+
+// One ledger update: total' = change(total), by renaming the ledger.
+template <typename Change>
+int32_t updateLockSize(CZarnFileSystem& fs, Change change) {
+  for (;;) {
+    LedgerName current;
+    std::string currentPath = getLockSizeFileName(fs);
+    if (currentPath.empty() || !parseLedgerPath(currentPath, current)) return -1;
+    // Above the source's unique part even within one second (see chooseLedger).
+    std::string next = makeLedgerPath(change(current.total), std::max(freshUnique(), current.unique + 1));
+    if (next.empty()) return -1;
+    ZLOG(INFO, "GENERAL", 0, "rename : %s >> %s\n", currentPath.c_str(), next.c_str());
+    if (fs.renameFile(currentPath, next)) return 0;
+    // Typically another process moved the ledger first: read its new name.
+    ZLOG(INFO, "GENERAL", getLastError(), "rename failed : %s\n", getErrorMsg());
+    Velto::Kandu::sleepMs(10);
+  }
+}
+
+}  // namespace
+
+std::string generateLockSizeFileName(uint64_t total) { return makeLedgerPath(total, freshUnique()); }
+
 std::string getLockSizeFileName(CZarnFileSystem& fs) {
   CBucket bucket = fs.getBucket(kSystemBucket);
   if (!bucket.isValid()) {
@@ -64,11 +119,13 @@ std::string getLockSizeFileName(CZarnFileSystem& fs) {
   }
   CNameList names;
   // A directory read that overlaps another process's rename of the ledger may
-  // see neither the old name nor the new one: an empty answer is only believed
-  // after a few more looks.
-  for (int attempt = 0; attempt < kLedgerLookups && names.empty(); ++attempt) {
+  // see neither the old name nor the new one, or (a rename made of a link and
+  // an unlink) both: only an answer of exactly one name is believed at once;
+  // the others after a few more looks.
+  for (int attempt = 0; attempt < kLedgerLookups && names.size() != 1; ++attempt) {
     if (attempt > 0) Velto::Kandu::sleepMs(2);
-    if (!bucket.list(names, "lockSize_", "lockSize_z", 1)) {
+    names.clear();
+    if (!bucket.list(names, "lockSize_", "lockSize_z", kListedLedgers)) {
       ZLOG(ERROR, "GENERAL", getLastError(), "list lockSize file failed [lockSize_*]\n");
       return std::string();
     }
@@ -77,12 +134,15 @@ std::string getLockSizeFileName(CZarnFileSystem& fs) {
     ZLOG(ERROR, "GENERAL", 0, "cannot find lockSize file [lockSize_*]\n");
     return std::string();
   }
-  return std::string(kSystemBucket) + "/" + names.front();
+  return std::string(kSystemBucket) + "/" + (names.size() == 1 ? names.front() : chooseLedger(fs, names));
 }
 
 bool getLockSize(CZarnFileSystem& fs, uint64_t& total) {
   std::string path = getLockSizeFileName(fs);
-  return !path.empty() && parseLedgerPath(path, total);
+  LedgerName ledger;
+  if (path.empty() || !parseLedgerPath(path, ledger)) return false;
+  total = ledger.total;
+  return true;
 }
 
 int32_t plusLockSize(CZarnFileSystem& fs, uint64_t megabytes) {

@@ -23,7 +23,8 @@ inline constexpr const char* kSystemBucket = "media_system";
 
 // Full ledger path for `total` MiB with a fresh unique part; "" on failure.
 std::string generateLockSizeFileName(uint64_t total);
-// Full path of the current ledger file, "" when it cannot be found.
+// Full path of the current ledger file, "" when it cannot be found. Of
+// several names that persist, the newest (by unique part) is the ledger.
 std::string getLockSizeFileName(CZarnFileSystem& fs);
 // Reads the ledger total (MiB) out of the current ledger name.
 bool getLockSize(CZarnFileSystem& fs, uint64_t& total);

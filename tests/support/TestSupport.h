@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -88,6 +89,16 @@ std::string recordPath(const Velto::Zarn::RecordFileName& name);
 // The record files in stream `sid`'s media bucket, in listing order, sizes
 // filled in; empty without the bucket.
 std::vector<Velto::Zarn::RecordFileName> listRecords(Velto::Zarn::CZarnFileSystem& fs, uint32_t sid);
+
+// The environment variable `name`, "" when it is not set.
+inline std::string env(const char* name) {
+  const char* v = std::getenv(name);
+  return v != nullptr ? v : "";
+}
+
+// Why a test that needs the Ceph test cluster skips.
+inline const char* const kNoCluster =
+    "no Ceph cluster configured: start one with scripts/ceph-cluster-start.sh DIR and source DIR/zarn-test.env";
 
 // Polls `condition` every 2 ms until it holds or timeoutMs passes.
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "TestSupport.h"
 #include "ZarnClient.h"
 
 // A call that must fail, leaving `code` as the thread's last error (the last
@@ -18,15 +19,6 @@
       << #call
 
 namespace ZarnTest {
-
-inline std::string env(const char* name) {
-  const char* v = std::getenv(name);
-  return v != nullptr ? v : "";
-}
-
-// Why a test that needs the Ceph test cluster skips.
-inline const char* const kNoCluster =
-    "no Ceph cluster configured: start one with scripts/ceph-cluster-start.sh DIR and source DIR/zarn-test.env";
 
 // The answer text of a failing call in the StoreCommands.h protocol.
 inline std::string err(int32_t code) { return "err " + std::to_string(code); }

@@ -22,6 +22,7 @@ enum Exit : int {
   kExitStore = 3,       // the store cannot be opened
   kExitInput = 4,       // unreadable input, not H.264/H.265 video, output not writable
   kExitNotFound = 5,    // unknown stream, nothing recorded in the range
+  kExitLimit = 6,       // refused by a limit of the store: the lock ratio
   kExitInterrupted = 130,
 };
 

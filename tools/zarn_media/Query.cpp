@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "Cli.h"
@@ -17,6 +18,15 @@ const char* const kRangeHelp =
     "  --stream ID            stream id, required\n"
     "  --from TIME, --to TIME \"YYYY-MM-DD HH:MM:SS\" (UTC) or seconds since 1970, both\n"
     "                         included (default: the stream's whole recorded time)\n";
+
+// The lock count a record file's name carries: the fourth of its five "_" fields
+// ("HHmmss_HHmmss_type_locks_state.qrv"); 0 for an open file's name.
+unsigned lockCountOf(const char* fileName) {
+  const char* base = std::strrchr(fileName, '/');
+  unsigned begin = 0, end = 0, type = 0, locks = 0, state = 0;
+  if (base == nullptr || std::sscanf(base + 1, "%6u_%6u_%u_%u_%u", &begin, &end, &type, &locks, &state) != 5) return 0;
+  return locks;
+}
 
 const char* codecName(short type) {
   return type == kStreamTypeH264 ? "h264" : type == kStreamTypeH265 ? "h265" : "other";
@@ -156,6 +166,7 @@ int runFiles(int argc, char** argv) {
           .time("end", f.endTime)
           .value("size", f.size)
           .value("locked", f.locked != 0)
+          .value("locks", lockCountOf(f.fileName))
           .value("forgotten", f.forgotten != 0)
           .value("missingIndex", f.missing != 0)
           .value("type", static_cast<int>(f.type))
@@ -165,9 +176,9 @@ int runFiles(int argc, char** argv) {
     return kExitOk;
   }
   for (const auto& f : files) {
-    std::printf("%s  %s .. %s  %12" PRIu64 " bytes  %s  %s\n", f.fileName, formatTime(f.beginTime).c_str(),
+    std::printf("%s  %s .. %s  %12" PRIu64 " bytes  %s  locks %u  %s\n", f.fileName, formatTime(f.beginTime).c_str(),
                 f.endTime != 0 ? formatTime(f.endTime).c_str() : "(open)", f.size, codecName(f.type),
-                flagsOf(f.locked, f.forgotten, f.missing).c_str());
+                lockCountOf(f.fileName), flagsOf(f.locked, f.forgotten, f.missing).c_str());
   }
   std::printf("%zu file(s) of stream %u\n", files.size(), cmd.streamId);
   return kExitOk;
@@ -230,11 +241,11 @@ int runLock(int argc, char** argv) {
   if (rc != kExitOk || helped) return rc;
   rc = cmd.store.client().lockStream(cmd.streamId, cmd.begin(), cmd.endExclusive());
   if (rc != 0) {
-    const char* why = rc == -1   ? "a record file is already at its lock limit"
-                      : rc == -2 ? "the store's lock ratio limit would be passed"
-                                 : "locking failed; nothing was locked (this library build may not support locking)";
-    return fail(kExitFailed, "cannot lock stream %u from %s to %s: %s (code %d)", cmd.streamId,
-                formatTime(cmd.from).c_str(), formatTime(cmd.to).c_str(), why, rc);
+    const char* why = rc == -1   ? "a record file is already at its lock limit of 255; the others are locked"
+                      : rc == -2 ? "the store's lock ratio limit is reached; nothing was locked"
+                                 : "locking failed; nothing was locked (run with --verbose for the library's reason)";
+    return fail(rc == -2 ? kExitLimit : kExitFailed, "cannot lock stream %u from %s to %s: %s (code %d)",
+                cmd.streamId, formatTime(cmd.from).c_str(), formatTime(cmd.to).c_str(), why, rc);
   }
   if (cmd.options.json()) {
     CJson().beginObject().value("stream", cmd.streamId).value("locked", true).endObject().print();
@@ -260,8 +271,8 @@ int runUnlock(int argc, char** argv) {
   rc = cmd.store.client().unlockStream(cmd.streamId, cmd.begin(), cmd.endExclusive(), lockNum,
                                        cmd.options.has("all"));
   if (rc != 0) {
-    return fail(kExitFailed, "cannot unlock stream %u from %s to %s (code %d; this library build may not support "
-                "unlocking)", cmd.streamId, formatTime(cmd.from).c_str(), formatTime(cmd.to).c_str(), rc);
+    return fail(kExitFailed, "cannot unlock stream %u from %s to %s (code %d; run with --verbose for the library's "
+                "reason)", cmd.streamId, formatTime(cmd.from).c_str(), formatTime(cmd.to).c_str(), rc);
   }
   if (cmd.options.json()) {
     CJson().beginObject().value("stream", cmd.streamId).value("locksLeft", static_cast<unsigned>(lockNum)).endObject().print();
@@ -377,19 +388,28 @@ int runInfo(int argc, char** argv) {
     size_t files;
     uint64_t bytes;
     short type;
+    uint64_t lockedMiB;  // as the ledger counts: each locked file's bytes >> 20
   };
   std::vector<Stream> streams;
   for (unsigned long long id = firstId; id <= lastId; ++id) {
     std::vector<Velto::Zarn::RecordClipEx> files;
     if (store.files(static_cast<unsigned>(id), files) != 0 || files.empty()) continue;
-    Stream s{static_cast<unsigned>(id), CStore::kLastTime, 0, files.size(), 0, files.back().type};
+    Stream s{static_cast<unsigned>(id), CStore::kLastTime, 0, files.size(), 0, files.back().type, 0};
     for (const auto& f : files) {
       s.first = std::min<int64_t>(s.first, f.beginTime);
       s.last = std::max<int64_t>(s.last, std::max(f.beginTime, f.endTime));
       s.bytes += f.size;
+      if (lockCountOf(f.fileName) > 0) s.lockedMiB += f.size >> 20;
     }
     streams.push_back(s);
   }
+  // The ledger is read through the lock ratio (basis points of the capacity);
+  // the locked files of the streams listed are counted beside it, so that an
+  // operator sees the two agree (or how far they drifted).
+  const uint64_t totalMiB = info.totalCapacity >> 20;
+  const uint64_t ledgerMiB = lockRatio >= 0 ? static_cast<uint64_t>(lockRatio) * totalMiB / 10000 : 0;
+  uint64_t lockedMiB = 0;
+  for (const auto& s : streams) lockedMiB += s.lockedMiB;
   if (options.json()) {
     CJson json;
     json.beginObject()
@@ -397,6 +417,8 @@ int runInfo(int argc, char** argv) {
         .value("totalBytes", info.totalCapacity)
         .value("freeBytes", info.freeCapacity)
         .value("lockRatio", lockRatio >= 0 ? lockRatio / 10000.0 : -1.0)
+        .value("ledgerMiB", ledgerMiB)
+        .value("lockedFilesMiB", lockedMiB)
         .beginArray("streams");
     for (const auto& s : streams) {
       json.beginObject()
@@ -404,6 +426,7 @@ int runInfo(int argc, char** argv) {
           .value("codec", codecName(s.type))
           .value("files", static_cast<uint64_t>(s.files))
           .value("bytes", s.bytes)
+          .value("lockedMiB", s.lockedMiB)
           .time("first", s.first)
           .time("last", s.last)
           .endObject();
@@ -415,9 +438,10 @@ int runInfo(int argc, char** argv) {
   std::printf("capacity   %.1f GiB, free %.1f GiB\n", static_cast<double>(info.totalCapacity) / (1u << 30),
               static_cast<double>(info.freeCapacity) / (1u << 30));
   if (lockRatio >= 0) {
-    std::printf("locked     %.2f %% of the store\n", lockRatio / 100.0);
+    std::printf("locked     %.2f %% of the store: ledger about %" PRIu64 " MiB, locked files of these streams %" PRIu64
+                " MiB\n", lockRatio / 100.0, ledgerMiB, lockedMiB);
   } else {
-    std::printf("locked     unknown\n");
+    std::printf("locked     unknown (the ledger cannot be read)\n");
   }
   std::printf("streams    %zu with recordings among ids %llu-%llu\n", streams.size(), firstId, lastId);
   for (const auto& s : streams) {

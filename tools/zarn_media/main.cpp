@@ -21,7 +21,7 @@ const char* const kCommonHelp =
     "Times are UTC. Exit codes: 0 done, 1 the library failed or refused, 2 bad usage or\n"
     "empty range, 3 store cannot be opened, 4 unreadable input or not H.264/H.265 video\n"
     "(or output not writable), 5 unknown stream or nothing recorded in the range,\n"
-    "130 interrupted.\n";
+    "6 refused by the store's lock ratio limit, 130 interrupted.\n";
 
 namespace {
 

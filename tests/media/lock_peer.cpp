@@ -1,0 +1,82 @@
+// zarn_lock_peer: a recording host of its own process that locks and unlocks
+// ranges of shared streams at random, for the tests that prove the lock-size
+// ledger across processes.
+//
+//   zarn_lock_peer ADDRESS SEED SECONDS BEGIN FILES STREAM...
+//
+// Connects a client to ADDRESS, prints "ready ID" (ID: the store's id of this
+// client where the store has one, for evicting it when it is killed; else 0),
+// then for SECONDS locks, unlocks or unlocks entirely a random range of whole
+// 30-minute files [BEGIN + a * 1800, BEGIN + b * 1800), 0 <= a < b <= FILES, of
+// a random STREAM, and prints "done N" with the number of calls made.
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "KanduLog.h"
+#include "KanduTime.h"
+#include "MediaClientInternal.h"
+#include "StoreBackend.h"
+#ifdef ZARN_WITH_CEPH
+#include "CephStoreBackend.h"
+#endif
+
+using namespace Velto::Zarn;
+
+int main(int argc, char** argv) {
+  if (argc < 7) {
+    std::fprintf(stderr, "usage: %s ADDRESS SEED SECONDS BEGIN FILES STREAM...\n", argv[0]);
+    return 2;
+  }
+  Velto::Kandu::setLogLevel(Velto::Kandu::LOG_OFF);
+  const std::string address = argv[1];
+  std::mt19937 random(static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10)));
+  const uint64_t seconds = std::strtoull(argv[3], nullptr, 10);
+  const uint32_t begin = static_cast<uint32_t>(std::strtoul(argv[4], nullptr, 10));
+  const uint32_t files = static_cast<uint32_t>(std::strtoul(argv[5], nullptr, 10));
+  std::vector<uint32_t> streams;
+  for (int i = 6; i < argc; ++i) streams.push_back(static_cast<uint32_t>(std::strtoul(argv[i], nullptr, 10)));
+
+  // The backend is made here, through a scheme of the peer's own, so that its
+  // client id can be told.
+  std::shared_ptr<IStoreBackend> backend;
+  registerStoreBackend("lockpeer", [&](const std::string&, std::shared_ptr<IStoreBackend>& out) {
+    const int rc = makeStoreBackend(address, out, nullptr);
+    backend = out;
+    return rc;
+  });
+  CMediaClientInternal client;
+  client.setMaxLockRatio(100);
+  if (client.initialize(Config{"lockpeer://store", 0, "root", ""}, nullptr) != 0) {
+    std::printf("err initialize\n");
+    return 1;
+  }
+  uint64_t id = 0;
+#ifdef ZARN_WITH_CEPH
+  if (auto* ceph = dynamic_cast<CCephStoreBackend*>(backend.get())) id = ceph->clientId();
+#endif
+  std::printf("ready %llu\n", static_cast<unsigned long long>(id));
+  std::fflush(stdout);
+
+  uint64_t calls = 0;
+  const uint64_t end = Velto::Kandu::monotonicMs() + seconds * 1000;
+  while (Velto::Kandu::monotonicMs() < end) {
+    const uint32_t stream = streams[random() % streams.size()];
+    uint32_t a = random() % files;
+    uint32_t b = a + 1 + random() % (files - a);
+    const uint32_t from = begin + a * 1800;
+    const uint32_t to = begin + b * 1800;
+    const uint32_t op = random() % 10;
+    unsigned char left = 0;
+    if (op < 6) {
+      client.lockStream(stream, from, to);
+    } else {
+      client.unlockStream(stream, from, to, left, op == 9);
+    }
+    ++calls;
+  }
+  std::printf("done %llu\n", static_cast<unsigned long long>(calls));
+  return 0;
+}
