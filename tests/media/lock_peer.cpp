@@ -6,9 +6,10 @@
 //
 // Connects a client to ADDRESS, prints "ready ID" (ID: the store's id of this
 // client where the store has one, for evicting it when it is killed; else 0),
-// then for SECONDS locks, unlocks or unlocks entirely a random range of whole
-// 30-minute files [BEGIN + a * 1800, BEGIN + b * 1800), 0 <= a < b <= FILES, of
-// a random STREAM, and prints "done N" with the number of calls made.
+// then for SECONDS, and for at least 10 calls, locks, unlocks or unlocks
+// entirely a random range of whole 30-minute files [BEGIN + a * 1800,
+// BEGIN + b * 1800), 0 <= a < b <= FILES, of a random STREAM, and prints
+// "done N OK": the calls made and how many of them succeeded.
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -60,9 +61,9 @@ int main(int argc, char** argv) {
   std::printf("ready %llu\n", static_cast<unsigned long long>(id));
   std::fflush(stdout);
 
-  uint64_t calls = 0;
+  uint64_t calls = 0, succeeded = 0;
   const uint64_t end = Velto::Kandu::monotonicMs() + seconds * 1000;
-  while (Velto::Kandu::monotonicMs() < end) {
+  while (calls < 10 || Velto::Kandu::monotonicMs() < end) {
     const uint32_t stream = streams[random() % streams.size()];
     uint32_t a = random() % files;
     uint32_t b = a + 1 + random() % (files - a);
@@ -70,13 +71,10 @@ int main(int argc, char** argv) {
     const uint32_t to = begin + b * 1800;
     const uint32_t op = random() % 10;
     unsigned char left = 0;
-    if (op < 6) {
-      client.lockStream(stream, from, to);
-    } else {
-      client.unlockStream(stream, from, to, left, op == 9);
-    }
+    const int rc = op < 6 ? client.lockStream(stream, from, to) : client.unlockStream(stream, from, to, left, op == 9);
     ++calls;
+    if (rc == 0) ++succeeded;
   }
-  std::printf("done %llu\n", static_cast<unsigned long long>(calls));
+  std::printf("done %llu %llu\n", static_cast<unsigned long long>(calls), static_cast<unsigned long long>(succeeded));
   return 0;
 }

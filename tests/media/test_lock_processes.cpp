@@ -141,14 +141,13 @@ TEST_P(LockProcessesTest, ConcurrentProcessesLeaveOneExactLedger) {
   std::vector<std::unique_ptr<Peer>> peers;
   for (uint32_t i = 0; i < kPeers; ++i) peers.push_back(std::make_unique<Peer>(m_address, 11 + i, 3));
   for (auto& p : peers) ASSERT_EQ(p->line().rfind("ready ", 0), 0u);
-  uint64_t calls = 0;
   for (auto& p : peers) {
     const std::string done = p->line();
     ASSERT_EQ(done.rfind("done ", 0), 0u) << done;
-    calls += std::stoull(done.substr(5));
+    // Every peer got locks and unlocks through while the others contended.
+    EXPECT_GT(std::stoull(done.substr(done.rfind(' ') + 1)), 0u) << done;
     EXPECT_EQ(p->wait(), 0);
   }
-  EXPECT_GT(calls, 20u);
   size_t ledgers = 0;
   uint64_t ledgerMiB = 0, lockedMiB = 0, largestMiB = 0;
   account(ledgers, ledgerMiB, lockedMiB, largestMiB);
