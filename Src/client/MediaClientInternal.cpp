@@ -7,6 +7,7 @@
 #include <set>
 
 #include "IndexFixScan.h"
+#include "IndexFixerMgr.h"
 #include "KanduLog.h"
 #include "KanduTime.h"
 #include "LockSizeLedger.h"
@@ -78,6 +79,7 @@ CMediaClientInternal::CMediaClientInternal(Velto::Kandu::IClock& clock)
   std::string text;
   context.config().display(text);
   m_fs = std::make_shared<CZarnFileSystem>();
+  m_indexFixer = std::make_unique<CIndexFixerMgr>(context.indexFixQueue(), context.config().getSVCEnabled());
   applyConfigToStore();
 }
 
@@ -101,6 +103,7 @@ CMediaClientInternal::~CMediaClientInternal() {
   m_exceptionTimer.stop(true);
   m_fixIndexTimer.stop(true);
   m_antiShakeTimer.stop(true);
+  m_indexFixer.reset();  // waits for a repair under way on this store
   if (m_fs) m_fs->setListener(nullptr);
   m_fs.reset();
   CMediaValues::instance().sdkState.store(0);
@@ -111,7 +114,11 @@ CZarnFileSystem& CMediaClientInternal::store() const {
   return *m_fs;
 }
 
-QueryEnv CMediaClientInternal::queryEnv() const { return CMediaContext::instance().queryEnv(m_clock); }
+QueryEnv CMediaClientInternal::queryEnv() const {
+  QueryEnv env = CMediaContext::instance().queryEnv(m_clock);
+  env.indexFix = m_indexFixer.get();
+  return env;
+}
 
 bool CMediaClientInternal::storeReady(const char* function) const {
   if (store().isInitialized()) return true;
@@ -345,6 +352,11 @@ int CMediaClientInternal::addStream(unsigned streamId, short type, bool sync) {
   // first writer stays, the second is dropped.
   streams.addStreamWriter(streamId, std::make_shared<CStreamWriter>(m_fs, streamId, type, sync,
                                                                    CMediaContext::instance().writerEnv(m_clock)));
+  // A writer of this stream that died left its last file under its open name,
+  // where no listing reports it: repair it now rather than never.
+  if (m_fs->isInitialized()) {
+    m_indexFixer->submitStreamCheck(*m_fs, streamId, CMediaValues::instance().localNow(m_clock));
+  }
   return 0;
 }
 

@@ -34,6 +34,8 @@
 
 namespace Velto::Zarn {
 
+class CIndexFixerMgr;
+
 class CMediaClientInternal : public IZarnListener {
  public:
   // Timer delays, ms of the client's clock.
@@ -95,6 +97,7 @@ class CMediaClientInternal : public IZarnListener {
 
   // Test seams.
   CZarnFileSystem* storeForTest() { return m_fs.get(); }
+  CIndexFixerMgr& indexFixerForTest() { return *m_indexFixer; }
   uint32_t lastReportedStateForTest() const { return m_lastReportedState; }
   bool exceptionTimerRunningForTest() const { return m_exceptionTimer.isRunning(); }
   bool antiShakeTimerRunningForTest() const { return m_antiShakeTimer.isRunning(); }
@@ -118,6 +121,8 @@ class CMediaClientInternal : public IZarnListener {
   // Shared with the engines, which may outlive the client (they belong to the
   // process-wide registry); replaced by initialize after a failed store init.
   std::shared_ptr<CZarnFileSystem> m_fs;
+  // Repairs this client's files that lack a usable index; before m_fs goes.
+  std::unique_ptr<CIndexFixerMgr> m_indexFixer;
   std::string m_address;  // the store this client's connection reached (guarded by m_stateMutex)
   int32_t m_zarnTimeout;
   int32_t m_maxLockRatio;                 // percent; read by range locks (under m_lockMutex)

@@ -40,8 +40,8 @@ void CAsyncEngine::execute() {
   const bool again = run();
   if (again && !m_closing.load() && m_queue.submit(this)) return;
   // Decided before going idle: on a queue that does not lock items, the engine
-  // may be gone the moment it is idle.
-  const bool recheck = lockOnRun() && m_queue.locksItems();
+  // may be gone the moment it is idle, unless its owner keeps it alive.
+  const bool recheck = (lockOnRun() && m_queue.locksItems()) || outlivesIdle();
   m_state.store(kIdle);
   if (recheck) onIdle();
 }

@@ -75,9 +75,14 @@ class CAsyncEngine : public CWorkItem {
  protected:
   // One step of the engine's work; true to be run again at once.
   virtual bool run() = 0;
-  // After a run went idle, on the same worker (queues that lock items only,
-  // where the item mutex keeps the engine alive for it).
+  // After a run went idle, on the same worker: on queues that lock items
+  // (the item mutex keeps the engine alive for it), or when outlivesIdle().
+  // A submission that came while the run was ending found the engine busy and
+  // queued nothing; this is where such work is noticed.
   virtual void onIdle() {}
+  // The owner keeps the engine alive until stopRuns() has returned, so it may
+  // be touched after going idle on any queue.
+  virtual bool outlivesIdle() const { return false; }
   // The engine's last work, on the close timer's thread, holding the item mutex.
   virtual void onClose() {}
   // In the final run, before the self reference goes.

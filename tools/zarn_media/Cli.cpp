@@ -259,18 +259,12 @@ CJson& CJson::time(const char* key, int64_t epochSeconds) {
 
 void CJson::print(FILE* to) const { std::fprintf(to, "%s\n", m_text.c_str()); }
 
-int CStore::open(const COptions& options, bool mustExist, int maxFrameSize) {
-  if (std::getenv("ZARN_LOG_LEVEL") == nullptr) {
-    // The library warns on every ordinary run (its build banner, a missing
-    // MediaConfig.cfg, buckets of streams not yet recorded); the tool reports
-    // failures itself, so the library speaks only when asked to.
-    setenv("ZARN_LOG_LEVEL", options.has("verbose") ? "info" : "off", 1);
-  }
+int checkStoreExists(const COptions& options) {
   const std::string address = options.store();
   if (address.empty()) return fail(kExitUsage, "--store: empty address");
   std::string path = address;
   if (path.rfind("file://", 0) == 0) path = path.substr(7);
-  if (mustExist && path.find("://") == std::string::npos) {
+  if (path.find("://") == std::string::npos) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0) return fail(kExitStore, "no store at '%s': %s", address.c_str(), std::strerror(errno));
     if (!S_ISDIR(st.st_mode)) return fail(kExitStore, "cannot open the store at '%s': not a directory", address.c_str());
@@ -282,6 +276,22 @@ int CStore::open(const COptions& options, bool mustExist, int maxFrameSize) {
                   address.c_str());
     }
   }
+  return kExitOk;
+}
+
+int CStore::open(const COptions& options, bool mustExist, int maxFrameSize) {
+  if (std::getenv("ZARN_LOG_LEVEL") == nullptr) {
+    // The library warns on every ordinary run (its build banner, a missing
+    // MediaConfig.cfg, buckets of streams not yet recorded); the tool reports
+    // failures itself, so the library speaks only when asked to.
+    setenv("ZARN_LOG_LEVEL", options.has("verbose") ? "info" : "off", 1);
+  }
+  if (mustExist) {
+    const int rc = checkStoreExists(options);
+    if (rc != kExitOk) return rc;
+  }
+  const std::string address = options.store();
+  if (address.empty()) return fail(kExitUsage, "--store: empty address");
   m_client = std::make_unique<Velto::Zarn::CMediaClient>();
   m_client->setTimeZoneDiff(0);  // frames carry UTC; the store's scale is UTC too
   if (maxFrameSize > 0) m_client->setMaxFrameSize(maxFrameSize);

@@ -117,6 +117,11 @@ class CStore {
   std::unique_ptr<Velto::Zarn::CMediaClient> m_client;
 };
 
+// Refuses (exit code after printing why) a local store path that does not
+// exist or holds no store: commands that only read or repair must not turn
+// any directory they are given into a store.
+int checkStoreExists(const COptions& options);
+
 // The stream id of --stream, required. false after printing why.
 bool getStream(const COptions& options, unsigned& streamId);
 // --from/--to of a command on a stream: defaults are the stream's recorded

@@ -14,6 +14,7 @@ int runUnlock(int argc, char** argv);
 int runPolicy(int argc, char** argv);
 int runDelete(int argc, char** argv);
 int runInfo(int argc, char** argv);
+int runRepair(int argc, char** argv);
 
 // Help text shared by every subcommand's --help.
 extern const char* const kCommonHelp;

@@ -39,6 +39,7 @@ const char* const kMainHelp =
     "  policy    set a stream's recycling policy (time or space)\n"
     "  delete    delete a time range of a stream\n"
     "  info      capacity, free space, lock ratio, streams and their recorded span\n"
+    "  repair    rebuild what a crashed recorder left unfinished (indexes, names)\n"
     "\n"
     "`zarn-media COMMAND --help` describes each command.\n";
 
@@ -50,7 +51,7 @@ struct Command {
 const Command kCommands[] = {
     {"record", runRecord}, {"export", runExport}, {"clips", runClips},   {"files", runFiles},
     {"status", runStatus}, {"lock", runLock},     {"unlock", runUnlock}, {"policy", runPolicy},
-    {"delete", runDelete}, {"info", runInfo},
+    {"delete", runDelete}, {"info", runInfo}, {"repair", runRepair},
 };
 
 }  // namespace
