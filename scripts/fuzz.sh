@@ -11,12 +11,12 @@ seconds=${1:-60}
 dir=build-fuzz
 CC=clang CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZARN_FUZZ=ON \
   -DZARN_SANITIZE=address -DZARN_BUILD_TESTS=OFF -DZARN_BUILD_BENCH=OFF -DZARN_BUILD_TOOLS=OFF >/dev/null
-cmake --build "$dir" -j2 --target fuzz_frame fuzz_record_name fuzz_record_file fuzz_config zarn_fuzz_seeds
+cmake --build "$dir" -j2 --target fuzz_frame fuzz_record_name fuzz_record_file fuzz_config fuzz_index_fixer zarn_fuzz_seeds
 corpus=$dir/corpus
 rm -rf "$corpus" && mkdir -p "$corpus" "$dir/findings"
 "$dir/tests/fuzz/zarn_fuzz_seeds" "$corpus"
 status=0
-for target in frame record_name record_file config; do
+for target in frame record_name record_file config index_fixer; do
   echo "== fuzz_$target, ${seconds} s"
   log=$dir/fuzz_$target.log
   if ! ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \

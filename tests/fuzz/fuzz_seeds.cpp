@@ -2,7 +2,7 @@
 // the library (its record files, their names) and the frames in them, plus
 // configuration files of the shapes hosts use.
 //
-//   zarn_fuzz_seeds DIR    fills DIR/frame, DIR/record_file, DIR/record_name, DIR/config
+//   zarn_fuzz_seeds DIR    fills DIR/frame, DIR/record_file, DIR/record_name, DIR/config, DIR/index_fixer
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +16,7 @@
 #include "KanduTime.h"
 #include "MediaClientInternal.h"
 #include "MediaValues.h"
+#include "RecordFile.h"
 #include "RecordFileName.h"
 #include "VeltoFrame.h"
 
@@ -61,7 +62,7 @@ int main(int argc, char** argv) {
   }
   Velto::Kandu::setLogLevel(Velto::Kandu::LOG_OFF);  // a new store and SVC screening log as they go
   const fs::path out = argv[1];
-  for (const char* target : {"frame", "record_file", "record_name", "config"}) fs::create_directories(out / target);
+  for (const char* target : {"frame", "record_file", "record_name", "config", "index_fixer"}) fs::create_directories(out / target);
   const fs::path storeDir = out / "store.tmp";
   fs::remove_all(storeDir);
 
@@ -103,6 +104,21 @@ int main(int argc, char** argv) {
     std::vector<char> seed = {0, 0, 0};
     seed.insert(seed.end(), bytes.begin(), bytes.end());
     write(out / "record_file" / ("file" + std::to_string(files)), seed.data(), seed.size());
+    // For the index fixer: the file as its writer left it had it died before
+    // the close (the data alone, under an open name: mode byte 0), and whole
+    // (under a state-0 name: mode byte 1).
+    if (bytes.size() >= RecordInfo::kSize) {
+      RecordInfo info;
+      std::memcpy(&info, bytes.data() + bytes.size() - RecordInfo::kSize, sizeof(info));
+      if (info.isValid() && info.dataLength <= bytes.size()) {
+        std::vector<char> crashed = {0};
+        crashed.insert(crashed.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(info.dataLength));
+        write(out / "index_fixer" / ("crashed" + std::to_string(files)), crashed.data(), crashed.size());
+      }
+    }
+    std::vector<char> whole = {1};
+    whole.insert(whole.end(), bytes.begin(), bytes.end());
+    write(out / "index_fixer" / ("whole" + std::to_string(files)), whole.data(), whole.size());
     const std::string name = fs::relative(entry.path(), storeDir).string();
     write(out / "record_name" / ("name" + std::to_string(files)), name.data(), name.size());
     ++files;
