@@ -373,7 +373,8 @@ IndexFixReport CIndexFixer::doFixIndex() {
   }
   RecordFileName finalIndex = final;
   finalIndex.isIndex = 1;
-  if (!rename(index.fullName(), fullName(finalIndex))) {
+  // An index name carries no state: it changes only when the end time does.
+  if (index.fullName() != fullName(finalIndex) && !rename(index.fullName(), fullName(finalIndex))) {
     FIXLOG(ERROR, "Rename index file failed (after rebuided index)!\n");
     return finish(IndexFixReport::kStoreError, rebuildName);
   }
