@@ -257,6 +257,7 @@ CIndexFixer::Scan CIndexFixer::scanFrames(CRecordFile& file, uint64_t fileLength
       if (position + h.length == fileLength) {
         scan.dataLength = fileLength;  // whole: kept in the data, not indexed
         scan.endTime = m_curTime;
+        scan.wholeLast = true;
       }
       break;
     }
@@ -280,6 +281,14 @@ CIndexFixer::Scan CIndexFixer::scanFrames(CRecordFile& file, uint64_t fileLength
   return scan;
 }
 
+uint32_t CIndexFixer::finalEndTime(const Scan& scan) const {
+  // Frames that all lie in the name's first second still take up that second:
+  // a name whose end equals its begin is a clip of no length, which queries
+  // and playback from that second pass over.
+  if (scan.anyFrame() && scan.endTime <= m_work.beginTime) return m_work.beginTime + 1;
+  return scan.endTime;
+}
+
 IndexFixReport CIndexFixer::inspect() {
   if (isAppend(m_workName)) return finish(IndexFixReport::kInUse, m_workName);
   CRecordFile file(m_fs, m_work);
@@ -298,10 +307,10 @@ IndexFixReport CIndexFixer::inspect() {
     return report;
   }
   const Scan scan = scanFrames(file, fileLength, nullptr);
-  report.outcome = scan.frames == 0 ? IndexFixReport::kNoFrames : IndexFixReport::kWouldRebuild;
+  report.outcome = scan.anyFrame() ? IndexFixReport::kWouldRebuild : IndexFixReport::kNoFrames;
   report.keyFrames = scan.keyFrames;
-  report.frames = scan.frames;
-  report.endTime = named(3, scan.endTime).endTime;
+  report.frames = scan.frames + (scan.wholeLast ? 1 : 0);
+  report.endTime = named(3, finalEndTime(scan)).endTime;
   report.dataLength = scan.dataLength;
   return report;
 }
@@ -357,14 +366,14 @@ IndexFixReport CIndexFixer::doFixIndex() {
     return finish(IndexFixReport::kStoreError, rename(rebuildName, m_workName) ? m_workName : rebuildName);
   }
   const Scan scan = scanFrames(file, fileLength, &index);
-  const RecordFileName final = named(RECORD_INDEX_SEPARATE, scan.endTime);
+  const RecordFileName final = named(RECORD_INDEX_SEPARATE, finalEndTime(scan));
   FIXLOG(TRACE, "Fixed index frame count: %u; all frame count: %u. end time: %u.\n", scan.keyFrames, scan.frames,
          final.endTime);
   file.close();
   index.setEndTime(final.endTime);
   index.setDataLength(scan.dataLength);
   const bool indexClosed = index.close();
-  if (scan.frames == 0 || !indexClosed) {
+  if (!scan.anyFrame() || !indexClosed) {
     FIXLOG(ERROR, "First read failed or index close failed, recover rec and idx file!\n");
     const bool restored = rename(rebuildName, m_workName);
     remove(index.fullName());
@@ -385,7 +394,7 @@ IndexFixReport CIndexFixer::doFixIndex() {
   FIXLOG(INFO, "Finish doFixIndex work: %s.\n", m_workName.c_str());
   IndexFixReport report = finish(IndexFixReport::kRebuilt, fullName(final));
   report.keyFrames = scan.keyFrames;
-  report.frames = scan.frames;
+  report.frames = scan.frames + (scan.wholeLast ? 1 : 0);
   report.endTime = final.endTime;
   report.dataLength = scan.dataLength;
   return report;

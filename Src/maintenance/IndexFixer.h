@@ -11,8 +11,8 @@
 //   3. otherwise scans the frames from the start, writes the index entries of
 //      key frames (and SVC base-layer frames) to a separate index file, and
 //      renames both files to their final names: state 3, end time of the last
-//      frame. A file in which no frame can be read gets its submitted name
-//      back and no index.
+//      frame (at least one second past the begin). A file in which no whole
+//      frame can be read gets its submitted name back and no index.
 //
 // Scan. Frames are read head by head and skipped; the scan stops at the
 // first head that fails its check or does not fit its own length (an image
@@ -59,7 +59,7 @@ struct IndexFixReport {
   Outcome outcome = kStoreError;
   std::string name;       // the record file's name when the repair ended
   uint32_t keyFrames = 0;  // index entries written (or that would be)
-  uint32_t frames = 0;     // frames counted in the data
+  uint32_t frames = 0;     // whole frames in the data
   uint32_t endTime = 0;    // end time in the final name
   uint64_t dataLength = 0;  // bytes of whole frames the index file vouches for
   bool repaired() const { return outcome == kRebuilt || outcome == kComplete || outcome == kTooSmall; }
@@ -89,8 +89,11 @@ class CIndexFixer {
     uint32_t keyFrames = 0;
     uint32_t endTime = 0;
     uint64_t dataLength = 0;
-    bool failed = false;  // an index entry could not be written
+    bool wholeLast = false;  // the file ends with a whole frame (not counted, not indexed)
+    bool failed = false;     // an index entry could not be written
+    bool anyFrame() const { return frames > 0 || wholeLast; }
   };
+  uint32_t finalEndTime(const Scan& scan) const;
 
   IndexFixReport inspect();
   // Scans `file` (positioned at 0) of `fileLength` bytes; entries go to
