@@ -209,12 +209,18 @@ bool CStreamWriter::createFile(uint32_t startTime, bool asNext) {
   name.streamId = m_sid;
   name.beginTime = startTime;
   name.type = static_cast<uint16_t>(m_type);
-  auto file = std::make_unique<CRecordFile>(*m_fs, name);
-  file->setStateCallback([this](int state) { fileStateChangedProc(state); });
   const CMediaValues& values = CMediaValues::instance();
-  if (!file->openForWrite(values.ecDataNum.load(), values.ecParityNum.load())) {
-    WLOG(ERROR, "Create record file failed.\n");
-    return false;
+  std::unique_ptr<CRecordFile> file;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    file = std::make_unique<CRecordFile>(*m_fs, name);
+    file->setStateCallback([this](int state) { fileStateChangedProc(state); });
+    if (file->openForWrite(values.ecDataNum.load(), values.ecParityNum.load())) break;
+    // A writer of this stream that died within this second left its open file
+    // under this very name; nobody repairs it before we need the name.
+    if (attempt > 0 || !setAsideLeftover(name)) {
+      WLOG(ERROR, "Create record file failed.\n");
+      return false;
+    }
   }
   m_curFileStartTime = startTime;
   m_curFileLastTime = startTime;
@@ -223,6 +229,21 @@ bool CStreamWriter::createFile(uint32_t startTime, bool asNext) {
     return true;
   }
   becomeCurrent(std::move(file));
+  return true;
+}
+
+bool CStreamWriter::setAsideLeftover(const RecordFileName& openName) {
+  std::string path;
+  ZarnFileStat stat;
+  if (!generateRecordFileName(openName, path) || !m_fs->getFileStat(path, stat) || stat.openForWrite) return false;
+  // A closed name with index state 0 asks the index fixer to repair it; its
+  // end time becomes the last frame's then.
+  RecordFileName closed = openName;
+  closed.endTime = closed.realEndTime = openName.beginTime;
+  closed.indexState = RECORD_INDEX_MISSING;
+  WLOG(WARN, "a dead writer's file holds the name %s: moved aside for repair.\n", path.c_str());
+  // A repair that took the file first has freed the name just as well.
+  recordFileRename(*m_fs, path, closed);
   return true;
 }
 

@@ -113,6 +113,9 @@ class CStreamWriter : public CAsyncEngine {
   bool couldCutFile(const VeltoFrameHead& head, uint32_t frameTime);
   void cutFile(uint32_t frameTime);
   bool createFile(uint32_t startTime, bool asNext);
+  // Moves a leftover open file of a dead writer off `openName` (to a name that
+  // asks for repair); false when the name is held by a live writer or free.
+  bool setAsideLeftover(const RecordFileName& openName);
   // Makes `file` the current file: file state 1, entered in the table of files being written.
   void becomeCurrent(std::unique_ptr<CRecordFile> file);
   void closeCurrentFile();

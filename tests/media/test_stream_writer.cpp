@@ -378,6 +378,26 @@ TEST_F(StreamWriterTest, AStoreThatTakesNothingDoesNotHoldAWorker) {
   EXPECT_EQ(framesIn(f[0]).size(), 11u);
 }
 
+// A writer of the stream that died within the same second left its open file
+// under the name the new writer's first file takes: the leftover goes to a
+// name that asks for repair, and recording goes on.
+TEST_F(StreamWriterTest, ALeftoverOpenFileUnderTheFirstFilesNameIsMovedAsideForRepair) {
+  RecordFileName open{.streamId = 4, .beginTime = T, .type = 1};
+  ASSERT_TRUE(m_fs->createBucket(bucketName(4, BUCKET_KIND_MEDIA)));
+  std::unique_ptr<CFile> leftover = m_fs->createFile(ZarnTest::recordPath(open), 1, 0);
+  ASSERT_TRUE(leftover);
+  ASSERT_EQ(leftover->write("left", 4), 4);
+  ASSERT_TRUE(leftover->close());
+  auto w = writer(4);
+  EXPECT_EQ(write(*w, I, 0, T), 0);
+  EXPECT_EQ(write(*w, P, 1, T), 0);
+  std::vector<RecordFileName> f = closeAndList(w, 4);
+  ASSERT_EQ(f.size(), 2u);
+  EXPECT_EQ(f[0].indexState, static_cast<uint32_t>(RECORD_INDEX_MISSING));  // the leftover, for the fixer
+  EXPECT_EQ(f[0].size, 4u);
+  EXPECT_EQ(framesIn(f[1]), (std::vector<uint32_t>{0, 1}));
+}
+
 TEST_F(StreamWriterTest, AWriteErrorIsAOneWayFileFault) {
   auto w = writer(10);
   ASSERT_EQ(write(*w, I, 0, T), 0);
