@@ -383,7 +383,12 @@ IndexFixReport CIndexFixer::doFixIndex() {
   RecordFileName finalIndex = final;
   finalIndex.isIndex = 1;
   // An index name carries no state: it changes only when the end time does.
-  if (index.fullName() != fullName(finalIndex) && !rename(index.fullName(), fullName(finalIndex))) {
+  // A rebuild interrupted between its two final renames left its index file
+  // under the final name; the one just written replaces it.
+  const std::string finalIndexName = fullName(finalIndex);
+  ZarnFileStat stale;
+  if (index.fullName() != finalIndexName && m_fs.getFileStat(finalIndexName, stale)) remove(finalIndexName);
+  if (index.fullName() != finalIndexName && !rename(index.fullName(), finalIndexName)) {
     FIXLOG(ERROR, "Rename index file failed (after rebuided index)!\n");
     return finish(IndexFixReport::kStoreError, rebuildName);
   }

@@ -269,6 +269,25 @@ TEST_F(IndexFixerTest, ARebuildEndingAtTheWorkNamesEndTime) {
 
 // Files a CRecordFile wrote: closed ones get their closed name back, crashed
 // ones an index that playback through a client uses.
+// A fixer killed between its two final renames left the record file in state
+// 2 and its index file already under the final name: the next repair writes
+// the index anew and replaces that one.
+TEST_F(IndexFixerTest, ARebuildInterruptedBeforeItsLastRenameIsFinished) {
+  ZarnTest::FaultyLocalStore store;
+  CZarnFileSystem& fs = *store.fs;
+  const RecordFileName work = closedName(T, RECORD_INDEX_REBUILDING);
+  const RecordFileName final = closedName(T + 11, RECORD_INDEX_SEPARATE);
+  putFile(fs, recordPath(work), gop(12).bytes);
+  putFile(fs, recordPath(indexOf(final)), Bytes(80, 0x5A));
+  const IndexFixReport r = CIndexFixer(fs, work).doFixIndex();
+  EXPECT_EQ(r.outcome, IndexFixReport::kRebuilt);
+  EXPECT_EQ(r.name, recordPath(final));
+  CRecordFile reader(fs, final);
+  ASSERT_TRUE(reader.openForRead());
+  ASSERT_EQ(reader.state(), CRecordFile::STATE_INDEXED);
+  EXPECT_EQ(reader.recordIndex()->entries().size(), 3u);  // frames 0, 5, 10
+}
+
 TEST_F(IndexFixerTest, FilesTheWriterLeftBehind) {
   // Ten frames at 5 fps (stamps 200 ms apart), an I frame every five.
   auto write = [&](CRecordFile& file) {
