@@ -37,7 +37,7 @@ using namespace Velto::Zarn;
 namespace {
 
 // Kept in step with the copy in test_crash_recovery.cpp.
-constexpr uint32_t kGop = 10;  // a key frame every kGop sequence numbers
+constexpr uint32_t kGop = 25;  // a key frame every kGop sequence numbers: one a second
 constexpr uint32_t kFps = 25;
 
 std::vector<uint8_t> crashFrame(uint32_t seed, uint32_t seq, uint32_t baseTime) {
