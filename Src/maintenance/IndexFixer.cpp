@@ -4,14 +4,10 @@
 #include <cstring>
 
 #include "IndexFile.h"
-#include "KanduLog.h"
+#include "FixerLog.h"
 #include "KanduThread.h"
 #include "RecordFile.h"
 #include "VeltoFrame.h"
-
-#define FIXLOG(level, fmt, ...) \
-  KLOG_AT(::Velto::Kandu::LOG_##level, "[Fixer:%p:%s:%d]" fmt, static_cast<const void*>(this), __FUNCTION__, \
-          __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
 namespace Velto::Zarn {
 

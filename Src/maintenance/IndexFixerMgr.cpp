@@ -5,11 +5,7 @@
 #include <vector>
 
 #include "IndexFixer.h"
-#include "KanduLog.h"
-
-#define FIXLOG(level, fmt, ...) \
-  KLOG_AT(::Velto::Kandu::LOG_##level, "[Fixer:%p:%s:%d]" fmt, static_cast<const void*>(this), __FUNCTION__, \
-          __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#include "FixerLog.h"
 
 namespace Velto::Zarn {
 

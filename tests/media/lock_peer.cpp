@@ -19,10 +19,7 @@
 #include "KanduLog.h"
 #include "KanduTime.h"
 #include "MediaClientInternal.h"
-#include "StoreBackend.h"
-#ifdef ZARN_WITH_CEPH
-#include "CephStoreBackend.h"
-#endif
+#include "TestSupport.h"
 
 using namespace Velto::Zarn;
 
@@ -40,24 +37,13 @@ int main(int argc, char** argv) {
   std::vector<uint32_t> streams;
   for (int i = 6; i < argc; ++i) streams.push_back(static_cast<uint32_t>(std::strtoul(argv[i], nullptr, 10)));
 
-  // The backend is made here, through a scheme of the peer's own, so that its
-  // client id can be told.
-  std::shared_ptr<IStoreBackend> backend;
-  registerStoreBackend("lockpeer", [&](const std::string&, std::shared_ptr<IStoreBackend>& out) {
-    const int rc = makeStoreBackend(address, out, nullptr);
-    backend = out;
-    return rc;
-  });
   CMediaClientInternal client;
   client.setMaxLockRatio(100);
-  if (client.initialize(Config{"lockpeer://store", 0, "root", ""}, nullptr) != 0) {
+  uint64_t id = 0;
+  if (!ZarnTest::initializePeerClient(client, address, id)) {
     std::printf("err initialize\n");
     return 1;
   }
-  uint64_t id = 0;
-#ifdef ZARN_WITH_CEPH
-  if (auto* ceph = dynamic_cast<CCephStoreBackend*>(backend.get())) id = ceph->clientId();
-#endif
   std::printf("ready %llu\n", static_cast<unsigned long long>(id));
   std::fflush(stdout);
 

@@ -7,8 +7,8 @@
 // "ready ID" (ID: the store's id of this client where the store has one, so
 // that the driver can evict it after the kill; else 0), then writes frames
 // START_SEQ, START_SEQ + 1, ... until it is killed. Every frame is a function
-// of (SEED, sequence, BASE_TIME) alone: see crashFrame below, which the driver
-// repeats to check what comes back byte for byte. After each writeFrame that
+// of (SEED, sequence, BASE_TIME) alone (CrashFrames.h, which the driver
+// shares to check what comes back byte for byte). After each writeFrame that
 // returned 0 the sequence number is appended to STATEFILE with one write(2);
 // the page cache keeps it across SIGKILL, so no fsync.
 //
@@ -25,34 +25,13 @@
 
 #include "KanduLog.h"
 #include "MediaClientInternal.h"
-#include "StoreBackend.h"
+#include "CrashFrames.h"
 #include "TestSupport.h"
 #include "VeltoFrame.h"
-#ifdef ZARN_WITH_CEPH
-#include "CephStoreBackend.h"
-#endif
 
 using namespace Velto::Zarn;
 
-namespace {
-
-// Kept in step with the copy in test_crash_recovery.cpp.
-constexpr uint32_t kGop = 25;  // a key frame every kGop sequence numbers: one a second
-constexpr uint32_t kFps = 25;
-
-std::vector<uint8_t> crashFrame(uint32_t seed, uint32_t seq, uint32_t baseTime) {
-  uint32_t h = (seq + 1) * 0x9E3779B1u ^ seed * 0x85EBCA6Bu;
-  h ^= h >> 15;
-  h *= 0x2C1B3C6Du;
-  h ^= h >> 12;
-  const bool key = seq % kGop == 0;
-  // Key frames 16..64 KiB, others a few hundred bytes to 6 KiB.
-  const uint32_t payload = key ? 16384 + h % 49152 : 300 + h % 5900;
-  return ZarnTest::makeFrame(key ? FRAME_TYPE_I : FRAME_TYPE_P, 0, seq, baseTime + seq / kFps, payload,
-                             static_cast<uint16_t>(seq * (1000 / kFps)));
-}
-
-}  // namespace
+using CrashTest::crashFrame;
 
 int main(int argc, char** argv) {
   if (argc < 8) {
@@ -72,24 +51,12 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  // The backend is made through a scheme of our own, so that its client id
-  // can be told.
-  std::shared_ptr<IStoreBackend> backend;
-  registerStoreBackend("crashrec", [&](const std::string&, std::shared_ptr<IStoreBackend>& out) {
-    const int rc = makeStoreBackend(address, out, nullptr);
-    backend = out;
-    return rc;
-  });
   static CMediaClientInternal client;  // never destroyed: the process ends by SIGKILL
-  if (client.initialize(Config{"crashrec://store", 0, "root", ""}, nullptr) != 0 ||
-      client.addStream(stream, 1, sync) != 0) {
+  uint64_t id = 0;
+  if (!ZarnTest::initializePeerClient(client, address, id) || client.addStream(stream, 1, sync) != 0) {
     std::printf("err start\n");
     return 1;
   }
-  uint64_t id = 0;
-#ifdef ZARN_WITH_CEPH
-  if (auto* ceph = dynamic_cast<CCephStoreBackend*>(backend.get())) id = ceph->clientId();
-#endif
   std::printf("ready %llu\n", static_cast<unsigned long long>(id));
   std::fflush(stdout);
 

@@ -36,6 +36,7 @@
 #include "MediaValues.h"
 #include "StreamRepair.h"
 #include "StreamWriter.h"
+#include "CrashFrames.h"
 #include "TestSupport.h"
 #include "VeltoFrame.h"
 
@@ -47,19 +48,9 @@ namespace {
     R"({"enable_cfg": 1, "max_file_length": 1048576, "max_file_duration": 4, "min_cut_file_time": 1,
         "recycle_hours": 87600})");
 
-// Kept in step with the copy in crash_recorder.cpp.
-constexpr uint32_t kGop = 25;
-constexpr uint32_t kFps = 25;
-std::vector<uint8_t> crashFrame(uint32_t seed, uint32_t seq, uint32_t baseTime) {
-  uint32_t h = (seq + 1) * 0x9E3779B1u ^ seed * 0x85EBCA6Bu;
-  h ^= h >> 15;
-  h *= 0x2C1B3C6Du;
-  h ^= h >> 12;
-  const bool key = seq % kGop == 0;
-  const uint32_t payload = key ? 16384 + h % 49152 : 300 + h % 5900;
-  return ZarnTest::makeFrame(key ? FRAME_TYPE_I : FRAME_TYPE_P, 0, seq, baseTime + seq / kFps, payload,
-                             static_cast<uint16_t>(seq * (1000 / kFps)));
-}
+using CrashTest::crashFrame;
+using CrashTest::kFps;
+using CrashTest::kGop;
 
 constexpr uint32_t kStream = 7;
 

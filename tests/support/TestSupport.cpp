@@ -13,6 +13,10 @@
 
 #include "KanduTime.h"
 #include "LocalStoreBackend.h"
+#include "MediaClientInternal.h"
+#ifdef ZARN_WITH_CEPH
+#include "CephStoreBackend.h"
+#endif
 #include "MediaContext.h"
 #include "VeltoFrame.h"
 
@@ -170,6 +174,22 @@ Velto::Zarn::EngineEnv writerEnv(const Velto::Kandu::IClock& clock) {
 
 Velto::Zarn::EngineEnv readerEnv(const Velto::Kandu::IClock& clock) {
   return Velto::Zarn::CMediaContext::instance().readerEnv(clock);
+}
+
+bool initializePeerClient(Velto::Zarn::CMediaClientInternal& client, const std::string& address, uint64_t& clientId) {
+  auto made = std::make_shared<std::shared_ptr<Velto::Zarn::IStoreBackend>>();
+  Velto::Zarn::registerStoreBackend("testpeer", [address, made](const std::string&,
+                                                                std::shared_ptr<Velto::Zarn::IStoreBackend>& out) {
+    const int rc = Velto::Zarn::makeStoreBackend(address, out, nullptr);
+    *made = out;
+    return rc;
+  });
+  if (client.initialize(Velto::Zarn::Config{"testpeer://store", 0, "root", ""}, nullptr) != 0) return false;
+  clientId = 0;
+#ifdef ZARN_WITH_CEPH
+  if (auto* ceph = dynamic_cast<Velto::Zarn::CCephStoreBackend*>(made->get())) clientId = ceph->clientId();
+#endif
+  return true;
 }
 
 }  // namespace ZarnTest

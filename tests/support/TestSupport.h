@@ -15,6 +15,10 @@
 #include "KanduLog.h"
 #include "RecordFileName.h"
 
+namespace Velto::Zarn {
+class CMediaClientInternal;
+}
+
 namespace ZarnTest {
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its content when the
@@ -102,5 +106,11 @@ inline const char* const kNoCluster =
 
 // Polls `condition` every 2 ms until it holds or timeoutMs passes.
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);
+
+// For a child process of a test: initialises `client` on the store at
+// `address` through a backend made here, so that the store's id of this
+// client (CephFS; 0 elsewhere) can be told to the test that may kill the
+// process and must then evict it. false when the store cannot be opened.
+bool initializePeerClient(Velto::Zarn::CMediaClientInternal& client, const std::string& address, uint64_t& clientId);
 
 }  // namespace ZarnTest
