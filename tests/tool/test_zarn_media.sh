@@ -218,7 +218,25 @@ check "recording still exports intact" "$ZM" export --store "$store" --stream 7 
 packets again.mp4 >again.packets
 same "recording intact after the failures" in.packets again.packets
 
-for cmd in record export clips files status lock unlock policy delete info; do
+# A recorder killed mid-file: nothing is listed until repair, which says what it
+# did, exits 0, and finds nothing the second time; the video then exports.
+crash=$work/crash
+"$ZM" record --store "$crash" --stream 5 --synthetic --realtime --seconds 30 >/dev/null 2>&1 &
+rec=$!
+sleep 3
+kill -KILL "$rec"; wait "$rec" 2>/dev/null
+expect_fail "a killed recorder's file is not listed" 5 "nothing is recorded" "$ZM" files --store "$crash" --stream 5
+check "repair dry run" "$ZM" repair --store "$crash" --dry-run --json
+grep -q '"outcome": *"would rebuild"' out || bad "dry run did not report the file: $(cat out)"
+check "repair" "$ZM" repair --store "$crash" --stream 5
+grep -q "rebuilt with [1-9][0-9]* key frames" out || bad "repair did not rebuild the file: $(cat out)"
+check "repair again" "$ZM" repair --store "$crash"
+grep -q "nothing to repair" out || bad "a second repair found work: $(cat out)"
+check "a repaired recording exports" "$ZM" export --store "$crash" --stream 5 -o crashed.mp4
+[ "$(frame_count crashed.mp4)" -gt 25 ] || bad "the repaired recording holds $(frame_count crashed.mp4) frames"
+expect_fail "repair refuses a directory without a store" 3 "no store at" "$ZM" repair --store "$work/none"
+
+for cmd in record export clips files status lock unlock policy delete info repair; do
   "$ZM" "$cmd" --help >help.txt 2>&1 && grep -q "usage: zarn-media $cmd" help.txt || bad "$cmd --help"
 done
 pass "every command has --help"
