@@ -5,38 +5,32 @@
 #include <vector>
 
 #include "IndexFixer.h"
+#include "QueryFile.h"
 #include "FixerLog.h"
 
 namespace Velto::Zarn {
 
 namespace {
 constexpr uint32_t kDaySeconds = 86400;
-constexpr uint32_t kListPage = 1000;
 constexpr uint32_t kOpenFileLookBackDays = 31;
 }  // namespace
 
 bool findOpenRecordFiles(CZarnFileSystem& fs, uint32_t streamId, uint32_t now, uint32_t days,
                          std::vector<std::string>& out) {
   const std::string bucketPath = bucketName(streamId, BUCKET_KIND_MEDIA);
-  CBucket bucket = fs.getBucket(bucketPath);
-  if (!bucket.isValid()) return getLastError() == ZARN_E_NO_SUCH_BUCKET;
+  if (!fs.getBucket(bucketPath).isValid()) return getLastError() == ZARN_E_NO_SUCH_BUCKET;
   for (uint32_t back = 0; back <= days && now / kDaySeconds >= back; ++back) {
     // A day folder "yyyy/MM/dd/": its names sort after the folder's own name
     // and before the folder followed by "z".
     const std::string day = formatDate((now / kDaySeconds - back) * kDaySeconds).substr(0, 11);
-    std::string marker = day;
+    CQueryFile walk(fs, bucketPath);
+    if (!walk.open(day, day + "z")) continue;
     bool recorded = false;
-    for (;;) {
-      CNameList names;
-      if (!bucket.list(names, marker, day + "z", kListPage)) return false;
-      for (const std::string& name : names) {
-        RecordFileName record;
-        if (!parseListedRecordFileName(bucketPath + "/" + name, record) || record.isIndex != 0) continue;
-        recorded = true;
-        if (record.endTime == 0) out.push_back(bucketPath + "/" + name);
-      }
-      if (names.size() < kListPage) break;
-      marker = names.back();
+    std::string name;
+    for (RecordFileName record; walk.next(record);) {
+      if (record.isIndex != 0) continue;
+      recorded = true;
+      if (record.endTime == 0 && generateRecordFileName(record, name)) out.push_back(name);
     }
     if (recorded) break;
   }

@@ -2,34 +2,27 @@
 
 #include <algorithm>
 
-namespace Velto::Zarn {
+#include "QueryFile.h"
 
-namespace {
-constexpr uint32_t kListPage = 1000;
-}  // namespace
+namespace Velto::Zarn {
 
 bool findRepairCandidates(CZarnFileSystem& fs, uint32_t streamId, std::vector<RecordFileName>& out) {
   const std::string bucketPath = bucketName(streamId, BUCKET_KIND_MEDIA);
-  CBucket bucket = fs.getBucket(bucketPath);
-  if (!bucket.isValid()) return getLastError() == ZARN_E_NO_SUCH_BUCKET;
-  std::string marker;
-  for (;;) {
-    CNameList names;
-    if (!bucket.list(names, marker, "", kListPage)) return false;
-    for (const std::string& name : names) {
-      RecordFileName record;
-      if (!parseListedRecordFileName(bucketPath + "/" + name, record) || record.isIndex != 0) continue;
-      if (record.endTime == 0) {
-        ZarnFileStat stat;
-        if (!fs.getFileStat(bucketPath + "/" + name, stat) || stat.openForWrite) continue;
-      } else if (record.indexState != RECORD_INDEX_MISSING && record.indexState != RECORD_INDEX_REBUILDING) {
-        continue;
-      }
-      out.push_back(record);
+  if (!fs.getBucket(bucketPath).isValid()) return getLastError() == ZARN_E_NO_SUCH_BUCKET;
+  CQueryFile walk(fs, bucketPath);
+  if (!walk.open("", "")) return true;  // an empty bucket (a refused listing is logged)
+  std::string name;
+  for (RecordFileName record; walk.next(record);) {
+    if (record.isIndex != 0) continue;
+    if (record.endTime == 0) {
+      ZarnFileStat stat;
+      if (!generateRecordFileName(record, name) || !fs.getFileStat(name, stat) || stat.openForWrite) continue;
+    } else if (record.indexState != RECORD_INDEX_MISSING && record.indexState != RECORD_INDEX_REBUILDING) {
+      continue;
     }
-    if (names.size() < kListPage) return true;
-    marker = names.back();
+    out.push_back(record);
   }
+  return true;
 }
 
 bool repairStream(CZarnFileSystem& fs, uint32_t streamId, const IndexFixOptions& options,

@@ -21,13 +21,13 @@ struct StreamRepairEntry {
   IndexFixReport report;
 };
 
-// The candidates of `streamId` (its media bucket, whole), in name order.
-// false when the store could not be listed; a stream without a bucket has
-// none.
+// The candidates of `streamId` (its media bucket, whole, walked with a
+// CQueryFile), in name order. false when the bucket cannot be opened; a
+// stream without a bucket has none.
 bool findRepairCandidates(CZarnFileSystem& fs, uint32_t streamId, std::vector<RecordFileName>& out);
 
 // Repairs the candidates of `streamId` and appends one entry per candidate.
-// false when the store could not be listed.
+// false when the bucket cannot be opened.
 bool repairStream(CZarnFileSystem& fs, uint32_t streamId, const IndexFixOptions& options,
                   std::vector<StreamRepairEntry>& out);
 
