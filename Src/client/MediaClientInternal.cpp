@@ -16,6 +16,7 @@
 #include "MediaLog.h"
 #include "MediaValues.h"
 #include "ZarnNames.h"
+#include "RecordDeletion.h"
 #include "RecordLock.h"
 #include "RecordQuery.h"
 #include "StreamMgr.h"
@@ -329,7 +330,10 @@ int CMediaClientInternal::queryRecordStatus(unsigned streamId, unsigned beginTim
   return Velto::Zarn::queryRecordStatus(queryEnv(), fs, streamId, beginTime, endTime, status, step);
 }
 
-int CMediaClientInternal::deleteRecordClip(unsigned, unsigned, unsigned) { return notAvailable(__FUNCTION__, -1); }
+int CMediaClientInternal::deleteRecordClip(unsigned streamId, unsigned beginTime, unsigned endTime) {
+  if (!storeReady(__FUNCTION__)) return -1;
+  return Velto::Zarn::deleteRecordClip(queryEnv(), store(), streamId, beginTime, endTime);
+}
 
 int CMediaClientInternal::addStream(unsigned streamId, short type, bool sync) {
   ZLOG(DEBUG, "GENERAL", 0, "addStream: sid = %u, type = %d, sync = %d.\n", streamId, type, sync ? 1 : 0);

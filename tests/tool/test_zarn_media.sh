@@ -208,7 +208,7 @@ expect_fail "unwritable output" 4 "cannot write" "$ZM" export --store "$store" -
 expect_fail "unknown option" 2 "unknown option --bogus" "$ZM" clips --store "$store" --stream 7 --bogus
 expect_fail "missing stream" 2 "--stream ID is required" "$ZM" files --store "$store"
 expect_fail "unknown command" 2 "unknown command" "$ZM" frobnicate
-expect_fail "delete not available" 1 "cannot delete stream 7" "$ZM" delete --store "$store" --stream 7 --from "$T0" --to "$T2"
+expect_fail "delete of an inverted range" 2 "empty time range" "$ZM" delete --store "$store" --stream 7 --from "$T2" --to "$T0"
 expect_fail "delete needs a range" 2 "--from and --to are both required" "$ZM" delete --store "$store" --stream 7
 expect_fail "policy needs one limit" 2 "exactly one of" "$ZM" policy --store "$store" --stream 7
 ls x.* >/dev/null 2>&1 && bad "a failed export left an output file" || pass "failed exports leave no output file"
@@ -217,6 +217,8 @@ same "failed commands changed no recording" files.before files.after
 check "recording still exports intact" "$ZM" export --store "$store" --stream 7 -o again.mp4
 packets again.mp4 >again.packets
 same "recording intact after the failures" in.packets again.packets
+check "delete the whole recording" "$ZM" delete --store "$store" --stream 7 --from "$T0" --to "$T2"
+expect_fail "a deleted recording is not listed" 5 "nothing is recorded" "$ZM" files --store "$store" --stream 7
 
 # A recorder killed mid-file: nothing is listed until repair, which says what it
 # did, exits 0, and finds nothing the second time; the video then exports.

@@ -295,9 +295,8 @@ int runDelete(int argc, char** argv) {
   if (rc != kExitOk || helped) return rc;
   rc = cmd.store.client().deleteRecordClip(cmd.streamId, cmd.begin(), cmd.endExclusive());
   if (rc != 0) {
-    return fail(kExitFailed, "cannot delete stream %u from %s to %s (code %d; this library build may not support "
-                "deletion)", cmd.streamId, formatTime(cmd.from).c_str(),
-                formatTime(cmd.to).c_str(), rc);
+    return fail(kExitFailed, "cannot delete stream %u from %s to %s (code %d; run with --verbose for the library's "
+                "reason)", cmd.streamId, formatTime(cmd.from).c_str(), formatTime(cmd.to).c_str(), rc);
   }
   if (cmd.options.json()) {
     CJson().beginObject().value("stream", cmd.streamId).value("deleted", true).endObject().print();
