@@ -328,7 +328,6 @@ int CMediaClientInternal::queryRecordStatus(unsigned streamId, unsigned beginTim
   return Velto::Zarn::queryRecordStatus(queryEnv(), fs, streamId, beginTime, endTime, status, step);
 }
 
-
 int CMediaClientInternal::deleteRecordClip(unsigned streamId, unsigned beginTime, unsigned endTime) {
   if (!storeReady(__FUNCTION__)) return -1;
   return Velto::Zarn::deleteRecordClip(queryEnv(), store(), streamId, beginTime, endTime);

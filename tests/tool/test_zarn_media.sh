@@ -207,6 +207,7 @@ expect_fail "unwritable output" 4 "cannot write" "$ZM" export --store "$store" -
 expect_fail "unknown option" 2 "unknown option --bogus" "$ZM" clips --store "$store" --stream 7 --bogus
 expect_fail "missing stream" 2 "--stream ID is required" "$ZM" files --store "$store"
 expect_fail "unknown command" 2 "unknown command" "$ZM" frobnicate
+expect_fail "delete of an inverted range" 2 "empty time range" "$ZM" delete --store "$store" --stream 7 --from "$T2" --to "$T0"
 expect_fail "delete needs a range" 2 "--from and --to are both required" "$ZM" delete --store "$store" --stream 7
 expect_fail "policy needs one limit" 2 "exactly one of" "$ZM" policy --store "$store" --stream 7
 ls x.* >/dev/null 2>&1 && bad "a failed export left an output file" || pass "failed exports leave no output file"
