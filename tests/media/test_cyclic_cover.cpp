@@ -162,7 +162,7 @@ TEST_F(CyclicCoverTest, DiscardedStreamsAgeOutThenLoseTheirBucketsAndMarkers) {
   EXPECT_EQ(left(8).size(), 1u);
 }
 
-TEST_F(CyclicCoverTest, UrgentRatioSetsThresholdAndTargetAndRefusesAHundred) {
+TEST_F(CyclicCoverTest, UrgentRatioAndCameraPoliciesReachWhatTheyName) {
   CManualClock clock(int64_t{T0} * 1000);
   CZarnCyclicCover cover(clock, CMediaContext::instance().config(), CMediaContext::instance().stats());
   struct Row { uint32_t ratio; int32_t result; double threshold, target; };
@@ -171,6 +171,13 @@ TEST_F(CyclicCoverTest, UrgentRatioSetsThresholdAndTargetAndRefusesAHundred) {
     EXPECT_EQ(cover.spaceThresholdRatio(), row.threshold) << row.ratio;
     EXPECT_EQ(cover.ratioAfterDelete(), row.target) << row.ratio;
   }
+  // A camera's policy reaches its streams; its reset reaches them too, even
+  // unnamed, and returns them to the configured 24 hours.
+  cover.setCameraCoverPolicy("cam", {4, 5}, 0, 300);
+  cover.setCameraCoverPolicy("cam", {}, 0, 0);
+  const std::map<uint32_t, CoverPolicy> policies = cover.coverPolicies();
+  ASSERT_EQ(policies.size(), 2u);
+  for (const auto& [id, policy] : policies) EXPECT_TRUE(policy.durationHours == 24 && policy.space == 0) << id;
 }
 
 // The engine on a manual clock: the first run after the delay, the next a full
