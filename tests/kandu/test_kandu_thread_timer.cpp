@@ -303,7 +303,7 @@ TEST(TimerServiceTest, PoolGrowsWhileProceduresBlock) {
 
 // ---------------------------------------------------------------- sync
 
-TEST(SemaphoreTest, PendTimesOutWithMinusOneAndTakesCountsWithZero) {
+TEST(SemaphoreTest, PendTimesOutCountsAndIsWokenFromAnotherThread) {
   CSemaphore sem;
   uint64_t before = monotonicMs();
   EXPECT_EQ(sem.pend(50), -1);
@@ -320,10 +320,8 @@ TEST(SemaphoreTest, PendTimesOutWithMinusOneAndTakesCountsWithZero) {
   int taken = 0;
   while (preloaded.pend(0) == 0) ++taken;
   EXPECT_EQ(taken, 3);
-}
 
-TEST(SemaphoreTest, InfiniteWaiterIsWokenByPostFromAnotherThread) {
-  CSemaphore sem;
+  // An infinite waiter is woken by a post from another thread.
   std::atomic<int> result{1};
   CThreadLite waiter("waiter", [&](CThreadLite&) { result = sem.pend(CSemaphore::kInfinite); });
   ASSERT_TRUE(waiter.create());
