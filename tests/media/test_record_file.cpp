@@ -111,9 +111,6 @@ TEST(RecordFileIndex, SmartLookupsFallBackToTheNewestKeyFrame) {
   EXPECT_EQ(smart->getPrevISmartFrameOffset(120, 0), 2000u);  // the entry itself counts
   EXPECT_EQ(smart->getPrevISmartFrameOffset(0, 500), 0u);     // by offset: back from the 1000 entry
   EXPECT_EQ(smart->getPrevISmartFrameOffset(0, 1500), 2000u);
-  size_t cursor = 3;
-  EXPECT_TRUE(smart->getSmartKeyPrev(cursor));
-  EXPECT_EQ(cursor, 2u);
   EXPECT_EQ(makeIndex({{I, 0, 100, 0}, {I, 0, 110, 1000}})->getPrevISmartFrameOffset(105, 0), 1000u);
 }
 

@@ -257,12 +257,4 @@ TEST(VeltoFrameRecord, CopyToBufferKeepsOneBuffer) {
   ASSERT_TRUE(out.copyToBuffer(srcB, 1024));
   EXPECT_EQ(out.frame, host.data());
   EXPECT_EQ(Bytes(host.begin(), host.begin() + b.size()), b);
-
-  MaxFrameSizeGuard guard;  // the process maximum sizes the first buffer
-  VeltoFrame sized;
-  CMediaValues::instance().maxFrameSize.store(static_cast<int32_t>(b.size()) - 1);
-  EXPECT_FALSE(copyFrameToBuffer(sized, srcB));
-  CMediaValues::instance().maxFrameSize.store(static_cast<int32_t>(b.size()));
-  ASSERT_TRUE(copyFrameToBuffer(sized, srcB));
-  EXPECT_EQ(sized.bufferSize, b.size());
 }
