@@ -89,13 +89,8 @@ void PrintTo(const Store& s, std::ostream* os) { *os << s.name; }
 class LockProcessesTest : public ::testing::TestWithParam<Store> {
  protected:
   void SetUp() override {
-    if (GetParam().cluster) {
-      if (ZarnTest::env("ZARN_TEST_CEPH_ADDRESS").empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
-      m_address = ZarnTest::env("ZARN_TEST_CEPH_ADDRESS") + "/locks-" + std::to_string(::getpid()) + "-" +
-                  std::to_string(Velto::Kandu::monotonicUs());
-    } else {
-      m_address = m_dir.sub("store");
-    }
+    m_address = GetParam().cluster ? ZarnTest::clusterRoot("locks") : m_dir.sub("store");
+    if (m_address.empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
     ASSERT_EQ(m_client.initialize(Config{m_address.c_str(), 0, "root", ""}, nullptr), 0);
     // Files of 1, 2 and 3 MiB (plus a few bytes), the index inside.
     for (uint32_t stream : kStreams) {

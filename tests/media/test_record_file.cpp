@@ -59,7 +59,6 @@ TEST(IndexEntry, CarriesAFortyBitOffsetAndATwentyFourBitLength) {
   // Type, sub-type, 0, time; the length modulo 2^24 with offset bits 32-39; offset bits 0-31.
   EXPECT_EQ(Bytes(raw, raw + 16), (Bytes{0xFD, 2, 0, 0, 0x04, 0x03, 0x02, 0x01, 0x78, 0x56, 0x34, 1, 10, 0, 0, 0}));
   EXPECT_EQ(e.offset(), (1ull << 32) + 10);
-  EXPECT_EQ(e.length24(), 0x345678u);
   EXPECT_EQ(IndexEntry::make(I, 0, 0, 0, (1ull << 40) - 1).offset(), (1ull << 40) - 1);
 }
 
@@ -75,9 +74,7 @@ TEST(RecordFileIndex, TimesNeverGoBackwards) {
 
   index->updateEndTime(104);
   index->updateEndTime(103);
-  EXPECT_TRUE(index->timeWentBack());
   index->updateEndTime(110);
-  EXPECT_FALSE(index->timeWentBack());
   EXPECT_EQ(index->endTime(), 110u);
 }
 
@@ -92,12 +89,6 @@ TEST(RecordFileIndex, PlaybackStartLookups) {
   EXPECT_EQ(index->getIFrameOffset(115), 1500u); // a smart P frame is a key
   EXPECT_EQ(index->getIFrameOffset(500), 2000u); // at or after the last key
 
-  EXPECT_EQ(index->getPrevIFrameOffset(110, 0), 0u);     // strictly before
-  EXPECT_EQ(index->getPrevIFrameOffset(999, 0), 2000u);  // after the last key's time
-  EXPECT_EQ(index->getPrevIFrameOffset(100, 0), CRecordFileIndex::kNoOffset);
-  EXPECT_EQ(index->getPrevIFrameOffset(0, 1000), 0u);
-  EXPECT_EQ(index->getPrevIFrameOffset(0, 1200), 1000u);
-  EXPECT_EQ(index->getPrevIFrameOffset(0, 5000), 2000u);
 
   EXPECT_EQ(index->getIFrameUTC(1000), 110u);
   EXPECT_EQ(index->getIFrameUTC(1200), 110u);
@@ -114,27 +105,11 @@ TEST(RecordFileIndex, SmartLookupsFallBackToTheNewestKeyFrame) {
   EXPECT_EQ(makeIndex({{I, 0, 100, 0}, {I, 0, 110, 1000}})->getPrevISmartFrameOffset(105, 0), 1000u);
 }
 
-TEST(RecordFileIndex, CursorWalksStopAtTheEndsAndNeedKeyEntries) {
-  auto index = makeIndex({{P, 0, 100, 0}, {I, 0, 101, 10}, {P, 0, 102, 20}, {I, 0, 103, 30}});
-  size_t c = 0;
-  ASSERT_TRUE(index->getKeyBegin(c));
-  EXPECT_EQ(c, 1u);
-  EXPECT_FALSE(index->getKeyPrev(c));
-  ASSERT_TRUE(index->getKeyNext(c));
-  EXPECT_EQ(c, 3u);
-  EXPECT_FALSE(index->getKeyNext(c));
-  ASSERT_TRUE(index->getKeyEnd(c));
-  EXPECT_EQ(c, 3u);
-  ASSERT_TRUE(index->getKeyPrev(c));
-  EXPECT_EQ(c, 1u);
-
-  // Without key entries nothing is found.
-  index = makeIndex({{P, 0, 100, 0}, {P, 0, 101, 10}});
+TEST(RecordFileIndex, WithoutKeyEntriesNothingIsFound) {
+  auto index = makeIndex({{P, 0, 100, 0}, {P, 0, 101, 10}});
   EXPECT_EQ(index->getIFrameOffset(100), CRecordFileIndex::kNoOffset);
-  EXPECT_EQ(index->getPrevIFrameOffset(100, 0), CRecordFileIndex::kNoOffset);
   EXPECT_EQ(index->getIFrameUTC(0), 0u);
   EXPECT_EQ(index->getPrevISmartFrameOffset(100, 0), CRecordFileIndex::kNoOffset);
-  EXPECT_FALSE(index->getKeyBegin(c) || index->getKeyEnd(c));
 }
 
 const std::vector<TestFrame> kGop = {{I, 0, T}, {P, 0, T}, {P, 0, T + 1}, {I, 0, T + 2}, {P, 0, T + 3}};
@@ -240,7 +215,6 @@ TEST_F(RecordFileTest, CloseAppendsIndexAndInfoAndRenamesToTheClosedName) {
   CRecordFile reader(m_fs, closed);
   ASSERT_TRUE(reader.openForRead());
   EXPECT_EQ(reader.state(), CRecordFile::STATE_INDEXED);
-  EXPECT_FALSE(reader.needIndexFromElsewhere());
   EXPECT_EQ(reader.length(), D);
   EXPECT_EQ(reader.endTime(), T + 3);
   ASSERT_TRUE(reader.recordIndex());
@@ -271,7 +245,6 @@ TEST_F(RecordFileTest, AFlippedBitInTheInfoOrNoKeyFrameMakesTheFileMissIndex) {
     CRecordFile reader(m_fs, parsed);
     ASSERT_TRUE(reader.openForRead());
     EXPECT_EQ(reader.state(), CRecordFile::STATE_MISS_INDEX);
-    EXPECT_TRUE(reader.needIndexFromElsewhere());
   }
 }
 
@@ -280,7 +253,6 @@ TEST_F(RecordFileTest, AFileStillBeingWrittenReadsAsNotClosed) {
   CRecordFile reader(m_fs, kOpen);
   ASSERT_TRUE(reader.openForRead());
   EXPECT_EQ(reader.state(), CRecordFile::STATE_NOT_CLOSED);
-  EXPECT_TRUE(reader.needIndexFromElsewhere());
   EXPECT_EQ(reader.endTime(), 0u);
   EXPECT_EQ(reader.length(), 5u * kFrameLen);  // what the store holds so far
   ZarnFileStat st;
@@ -336,7 +308,6 @@ TEST_F(RecordFileTest, FailedFirstWriteRemovesAndFailedCloseKeepsTheOpenName) {
   m_backend.addRule(faultOn(StoreOp::FileWrite, 1));
   const Bytes frame = ZarnTest::makeFrame(I, 0, 0, T, kPayload);
   EXPECT_LT(file->write(frame.data(), kFrameLen), 0);
-  EXPECT_TRUE(file->isEmptyFileFault());
   EXPECT_EQ(listBucket().size(), 1u);
   EXPECT_TRUE(file->close());
   EXPECT_TRUE(listBucket().empty());
@@ -368,14 +339,6 @@ TEST_F(RecordFileTest, BlockTransfersRetryZeroByteCallsAndHonourTheirLimit) {
   EXPECT_EQ(back, frame);
   EXPECT_FALSE(blockRead(*in, back.data(), 1));  // the end of a file nobody writes
   EXPECT_TRUE(blockRead(*in, back.data(), 0));
-}
-
-TEST_F(RecordFileTest, LockCountsNeverGoBelowZero) {
-  std::unique_ptr<CRecordFile> file = writing({});
-  for (auto [unlock, all, count] : {std::tuple{false, false, 1}, {false, false, 2}, {true, false, 1}, {true, true, 0},
-                                    {true, false, 0}})
-    EXPECT_EQ(unlock ? file->decLockCount(all) : file->incLockCount(), count);
-  file->close();
 }
 
 // Reading a file open for writing, or adding to a complete index, is a programming error.

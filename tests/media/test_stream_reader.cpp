@@ -466,9 +466,7 @@ class StreamReaderStoreTest : public StreamReaderTest, public testing::WithParam
 #ifndef ZARN_WITH_CEPH
       GTEST_SKIP() << "this build has no Ceph backend";
 #endif
-      if (ZarnTest::env("ZARN_TEST_CEPH_ADDRESS").empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
-      m_root = ZarnTest::env("ZARN_TEST_CEPH_ADDRESS") + "/reader-" + std::to_string(::getpid()) + "-" +
-               std::to_string(Velto::Kandu::monotonicUs());
+      if ((m_root = ZarnTest::clusterRoot("reader")).empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
     }
     StreamReaderTest::SetUp();
   }

@@ -85,13 +85,8 @@ class CrashRecoveryTest : public ::testing::TestWithParam<Store> {
     m_seed = seed ? static_cast<uint32_t>(std::strtoul(seed, nullptr, 10)) : std::random_device{}();
     const char* rounds = std::getenv("ZARN_CRASH_ROUNDS");
     m_rounds = rounds ? static_cast<uint32_t>(std::strtoul(rounds, nullptr, 10)) : (GetParam().cluster ? 4 : 20);
-    if (GetParam().cluster) {
-      if (ZarnTest::env("ZARN_TEST_CEPH_ADDRESS").empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
-      m_address = ZarnTest::env("ZARN_TEST_CEPH_ADDRESS") + "/crash-" + std::to_string(::getpid()) + "-" +
-                  std::to_string(Velto::Kandu::monotonicUs());
-    } else {
-      m_address = m_dir.sub("store");
-    }
+    m_address = GetParam().cluster ? ZarnTest::clusterRoot("crash") : m_dir.sub("store");
+    if (m_address.empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
     ASSERT_EQ(m_client.initialize(Config{m_address.c_str(), 0, "root", ""}, nullptr), 0);
     if (GetParam().cluster) {
       // libcephfs keeps written bytes in the writing process until it flushes

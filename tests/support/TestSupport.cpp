@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -157,6 +158,15 @@ std::vector<Velto::Zarn::RecordFileName> listRecords(Velto::Zarn::CZarnFileSyste
     out.push_back(n);
   }
   return out;
+}
+
+std::string clusterRoot(const std::string& tag) {
+  static std::atomic<int> tests{0};
+  std::string root = env("ZARN_TEST_CEPH_ADDRESS");
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  if (root.empty()) return root;
+  return root + "/" + tag + "-" + std::to_string(::getpid()) + "-" + std::to_string(Velto::Kandu::monotonicUs()) + "-" +
+         std::to_string(tests++);
 }
 
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs) {

@@ -104,6 +104,10 @@ inline std::string env(const char* name) {
 inline const char* const kNoCluster =
     "no Ceph cluster configured: start one with scripts/ceph-cluster-start.sh DIR and source DIR/zarn-test.env";
 
+// A store root of one test's own below ZARN_TEST_CEPH_ADDRESS ("ADDRESS/TAG-PID-US-N");
+// "" when no cluster is configured (the caller then skips with kNoCluster).
+std::string clusterRoot(const std::string& tag);
+
 // Polls `condition` every 2 ms until it holds or timeoutMs passes.
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);
 

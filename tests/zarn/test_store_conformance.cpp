@@ -9,7 +9,7 @@
 //
 // The Ceph case runs against the cluster scripts/ceph-cluster-start.sh describes
 // in its zarn-test.env:
-//   ZARN_TEST_CEPH_ADDRESS  ceph://host:port/root; each test gets root/t<pid>-<n>
+//   ZARN_TEST_CEPH_ADDRESS  ceph://host:port/root; each test gets a root of its own below it
 //   ZARN_CEPH_CONF          read by the backend itself (peers inherit it)
 //   ZARN_TEST_CEPH_DIR      the cluster directory, for evicting a killed peer
 #include <fcntl.h>
@@ -166,13 +166,7 @@ class StoreConformance : public ::testing::TestWithParam<BackendCase> {
   void SetUp() override {
     const BackendCase& c = GetParam();
     m_address = m_dir.sub("store");
-    if (c.cluster) {
-      static std::atomic<int> tests{0};
-      std::string root = ZarnTest::env("ZARN_TEST_CEPH_ADDRESS");
-      if (root.empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
-      while (root.size() > 1 && root.back() == '/') root.pop_back();
-      m_address = root + "/t" + std::to_string(::getpid()) + "-" + std::to_string(tests++);
-    }
+    if (c.cluster && (m_address = ZarnTest::clusterRoot("t")).empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
     std::shared_ptr<IStoreBackend> backend;
     std::string reason;
     int rc = makeStoreBackend(m_address, backend, &reason);
