@@ -1,8 +1,7 @@
 // Record file names: time strings, bucket names, grammar and validity, the
-// listing walk, clips, and rename/remove through a local store.
+// listing walk and clips.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "KanduTime.h"
@@ -199,41 +198,4 @@ TEST(RecordClips, FromRecords) {
   rec.beginTime = 0;
   EXPECT_FALSE(toRecordClipEx(rec, ex));
   EXPECT_STREQ(ex.fileName, "");
-}
-
-class RecordStoreOps : public testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(m_fs.initialize(Config{m_dir.path().c_str(), 0, "root", ""})) << getErrorMsg();
-    ASSERT_TRUE(m_fs.createBucket("media_7"));
-  }
-  void create(const std::string& path) {
-    auto file = m_fs.createFile(path, 4, 1);
-    ASSERT_NE(file, nullptr) << getErrorMsg();
-    ASSERT_TRUE(file->close());
-  }
-  bool exists(const std::string& path) {
-    ZarnFileStat st;
-    return m_fs.getFileStat(path, st);
-  }
-
-  ZarnTest::TempDir m_dir;
-  StoreUser m_user{"root"};
-  CZarnFileSystem m_fs;
-};
-
-TEST_F(RecordStoreOps, RenameNeverReplaces) {
-  const std::string openName = "media_7/2016/05/01/235930_1.qrv";
-  const std::string lockedName = "media_7/2016/05/01/235930_001205_1_1_1.qrv";
-  const RecordFileName locked = record(kBegin, kEndNextDay, 1, 1, 1);
-  create(openName);
-  ASSERT_TRUE(recordFileRename(m_fs, openName, locked));
-  EXPECT_FALSE(exists(openName));
-  EXPECT_TRUE(exists(lockedName));
-  EXPECT_FALSE(recordFileRename(m_fs, openName, locked));  // the source is gone
-  create(openName);
-  EXPECT_FALSE(recordFileRename(m_fs, openName, locked));  // the target is taken
-  EXPECT_FALSE(recordFileRename(m_fs, openName, record(0, kEndNextDay, 1, 1, 1)));
-  EXPECT_TRUE(exists(openName));
-  EXPECT_TRUE(exists(lockedName));
 }
