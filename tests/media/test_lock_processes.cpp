@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "DamagedStore.h"
 #include "KanduTime.h"
 #include "LockSizeLedger.h"
 #include "MediaClientInternal.h"
@@ -94,15 +95,11 @@ class LockProcessesTest : public ::testing::TestWithParam<Store> {
     ASSERT_EQ(m_client.initialize(Config{m_address.c_str(), 0, "root", ""}, nullptr), 0);
     // Files of 1, 2 and 3 MiB (plus a few bytes), the index inside.
     for (uint32_t stream : kStreams) {
-      ASSERT_TRUE(fs().createBucket(bucketName(stream, BUCKET_KIND_MEDIA)));
       for (uint32_t i = 0; i < kFiles; ++i) {
         RecordFileName n{.streamId = stream, .beginTime = T + i * 1800, .endTime = T + i * 1800 + 1799, .type = 1,
                          .indexState = 1};
-        std::unique_ptr<CFile> file = fs().createFile(ZarnTest::recordPath(n), 1, 0);
-        ASSERT_TRUE(file);
         const std::vector<uint8_t> bytes(((1u + (i + stream) % 3) << 20) + 64, 0x33);
-        ASSERT_EQ(file->write(bytes.data(), static_cast<uint32_t>(bytes.size())), static_cast<int64_t>(bytes.size()));
-        ASSERT_TRUE(file->close());
+        ZarnTest::putFile(fs(), ZarnTest::recordPath(n), bytes);
       }
     }
   }

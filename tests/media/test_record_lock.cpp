@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "DamagedStore.h"
 #include "FaultInjectingBackend.h"
 #include "KanduTime.h"
 #include "LocalStoreBackend.h"
@@ -174,14 +175,7 @@ class LockStreamTest : public ::testing::Test {
       if (f.beginTime == T + i * kHalfHour) fs().removeFile(ZarnTest::recordPath(f));
     RecordFileName n{.streamId = kSid, .beginTime = T + i * kHalfHour, .endTime = T + (i + 1) * kHalfHour - 1,
                      .type = 1, .lockCount = locks, .indexState = state};
-    if (!fs().getBucket("media_5").isValid()) {
-      ASSERT_TRUE(fs().createBucket("media_5"));
-    }
-    std::unique_ptr<CFile> file = fs().createFile(ZarnTest::recordPath(n), 1, 0);
-    ASSERT_TRUE(file);
-    const std::vector<uint8_t> bytes((megabytes << 20) + 100, 0x5A);
-    ASSERT_EQ(file->write(bytes.data(), static_cast<uint32_t>(bytes.size())), static_cast<int64_t>(bytes.size()));
-    ASSERT_TRUE(file->close());
+    ZarnTest::putFile(fs(), ZarnTest::recordPath(n), std::vector<uint8_t>((megabytes << 20) + 100, 0x5A));
   }
   // The lock counts of stream 5's files, in time order.
   std::vector<uint16_t> locks() {

@@ -247,6 +247,7 @@ TEST_F(RecordQueryTest, StatusBitmapMarksIntervalByBeginPlusOne) {
   EXPECT_EQ(status(T, T + 3600, 9), (std::vector<bool>{false, true, false, false, false, false}));
   std::vector<bool> bits;
   EXPECT_EQ(queryRecordStatus(m_env, m_fs, 9, T, T + 3600, bits, 0), -1);
+  EXPECT_EQ(queryRecordStatus(m_env, m_fs, 9, T + 3600, T, bits, 600), -1);  // a range that ends before it begins
 }
 
 TEST_F(RecordQueryTest, LiveFileEndsAtTheWriterOrTheEstimate) {
