@@ -5,8 +5,6 @@
 // is the size of the files whose names carry a lock. On the local store and,
 // with ZARN_TEST_CEPH_ADDRESS set, on the loopback Ceph cluster.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -32,54 +30,13 @@ constexpr uint32_t kFiles = 6;                   // per stream, 30 minutes each
 constexpr uint32_t kPeers = 3;
 const std::vector<uint32_t> kStreams = {1, 2};
 
-// One peer process; its stdout is read line by line.
-class Peer {
- public:
-  Peer(const std::string& address, uint32_t seed, uint32_t seconds) {
-    int out[2];
-    if (::pipe(out) != 0) return;
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      ::dup2(out[1], STDOUT_FILENO);
-      ::close(out[0]);
-      ::close(out[1]);
-      std::vector<std::string> args = {ZARN_LOCK_PEER, address, std::to_string(seed), std::to_string(seconds),
-                                       std::to_string(T), std::to_string(kFiles)};
-      for (uint32_t s : kStreams) args.push_back(std::to_string(s));
-      std::vector<char*> argv;
-      for (std::string& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      ::execv(ZARN_LOCK_PEER, argv.data());
-      ::_exit(127);
-    }
-    ::close(out[1]);
-    m_out = ::fdopen(out[0], "r");
-  }
-  ~Peer() {
-    if (m_pid > 0) {
-      ::kill(m_pid, SIGKILL);
-      wait();
-    }
-    if (m_out) std::fclose(m_out);
-  }
-  std::string line() {
-    char buffer[128] = {};
-    if (!m_out || !std::fgets(buffer, sizeof(buffer), m_out)) return "";
-    std::string text(buffer);
-    if (!text.empty() && text.back() == '\n') text.pop_back();
-    return text;
-  }
-  void kill() { ::kill(m_pid, SIGKILL); }
-  int wait() {
-    int status = 0;
-    if (m_pid > 0 && ::waitpid(m_pid, &status, 0) == m_pid) m_pid = -1;
-    return status;
-  }
-
- private:
-  pid_t m_pid = -1;
-  FILE* m_out = nullptr;
-};
+// A peer process locking and unlocking files of kStreams for `seconds`.
+std::unique_ptr<ZarnTest::CChildProcess> peer(const std::string& address, uint32_t seed, uint32_t seconds) {
+  std::vector<std::string> args = {ZARN_LOCK_PEER, address, std::to_string(seed), std::to_string(seconds),
+                                   std::to_string(T), std::to_string(kFiles)};
+  for (uint32_t s : kStreams) args.push_back(std::to_string(s));
+  return std::make_unique<ZarnTest::CChildProcess>(args, -1, 120000);
+}
 
 struct Store {
   const char* name;
@@ -130,15 +87,15 @@ class LockProcessesTest : public ::testing::TestWithParam<Store> {
 };
 
 TEST_P(LockProcessesTest, ConcurrentProcessesLeaveOneExactLedger) {
-  std::vector<std::unique_ptr<Peer>> peers;
-  for (uint32_t i = 0; i < kPeers; ++i) peers.push_back(std::make_unique<Peer>(m_address, 11 + i, 3));
-  for (auto& p : peers) ASSERT_EQ(p->line().rfind("ready ", 0), 0u);
+  std::vector<std::unique_ptr<ZarnTest::CChildProcess>> peers;
+  for (uint32_t i = 0; i < kPeers; ++i) peers.push_back(peer(m_address, 11 + i, 3));
+  for (auto& p : peers) ASSERT_EQ(p->answer().rfind("ready ", 0), 0u);
   for (auto& p : peers) {
-    const std::string done = p->line();
+    const std::string done = p->answer();
     ASSERT_EQ(done.rfind("done ", 0), 0u) << done;
     // Every peer got locks and unlocks through while the others contended.
     EXPECT_GT(std::stoull(done.substr(done.rfind(' ') + 1)), 0u) << done;
-    EXPECT_EQ(p->wait(), 0);
+    EXPECT_EQ(p->stop(), 0);
   }
   size_t ledgers = 0;
   uint64_t ledgerMiB = 0, lockedMiB = 0, largestMiB = 0;
@@ -151,17 +108,16 @@ TEST_P(LockProcessesTest, ConcurrentProcessesLeaveOneExactLedger) {
 // the one file it was locking or unlocking (its size is counted before a lock
 // and taken off after an unlock), never low.
 TEST_P(LockProcessesTest, AKilledProcessLeavesTheLedgerHighByAtMostOneFile) {
-  std::vector<std::unique_ptr<Peer>> peers;
-  for (uint32_t i = 0; i < kPeers; ++i) peers.push_back(std::make_unique<Peer>(m_address, 21 + i, 3));
+  std::vector<std::unique_ptr<ZarnTest::CChildProcess>> peers;
+  for (uint32_t i = 0; i < kPeers; ++i) peers.push_back(peer(m_address, 21 + i, 3));
   std::vector<std::string> ids;
   for (auto& p : peers) {
-    const std::string ready = p->line();
+    const std::string ready = p->answer();
     ASSERT_EQ(ready.rfind("ready ", 0), 0u) << ready;
     ids.push_back(ready.substr(6));
   }
   ::usleep(1200 * 1000);
   peers[0]->kill();
-  peers[0]->wait();
   if (GetParam().cluster) {
     // The cluster keeps a vanished client's session (and what it holds) until
     // the session times out; evicting it is what an operator does instead.
@@ -170,8 +126,8 @@ TEST_P(LockProcessesTest, AKilledProcessLeavesTheLedgerHighByAtMostOneFile) {
     ASSERT_EQ(std::system(evict.c_str()), 0) << evict;
   }
   for (size_t i = 1; i < peers.size(); ++i) {
-    EXPECT_EQ(peers[i]->line().rfind("done ", 0), 0u);
-    EXPECT_EQ(peers[i]->wait(), 0);
+    EXPECT_EQ(peers[i]->answer().rfind("done ", 0), 0u);
+    EXPECT_EQ(peers[i]->stop(), 0);
   }
   size_t ledgers = 0;
   uint64_t ledgerMiB = 0, lockedMiB = 0, largestMiB = 0;

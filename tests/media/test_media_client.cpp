@@ -200,10 +200,6 @@ TEST_F(MediaClientTest, SettersValidateWhatTheyMustAndSetTheStripe) {
   EXPECT_EQ(v.ecParityNum.load(), 2);
   EXPECT_EQ(v.ecStripeSize.load(), 6u * 32768u);
   client.setDefaultECType(4, 1);
-
-  LogCapture log;
-  client.setMediaSDKLogFile("/nonexistent/dir/file.log");
-  EXPECT_TRUE(log.contains("Zarn-MediaSDK V0.000.0000000.0000"));
 }
 
 TEST_F(MediaClientTest, OperationsWithoutEnginesAnswerWithTheirFailureCodes) {

@@ -121,35 +121,14 @@ class CrashRecoveryTest : public ::testing::TestWithParam<Store> {
   Round runAndKill(uint32_t first, std::mt19937& random) {
     Round round{first, static_cast<int64_t>(first) - 1};
     const std::string state = m_dir.sub("state-" + std::to_string(first));
-    int out[2];
-    if (::pipe(out) != 0) {
-      ADD_FAILURE() << "pipe";
-      return round;
-    }
-    // Built before the fork: the child of a threaded process only execs.
-    std::vector<std::string> args = {ZARN_CRASH_RECORDER, m_address, std::to_string(kStream),
-                                     GetParam().sync ? "sync" : "async", state, std::to_string(m_seed),
-                                     std::to_string(first), std::to_string(m_base)};
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      ::dup2(out[1], STDOUT_FILENO);
-      ::close(out[0]);
-      ::close(out[1]);
-      ::execv(ZARN_CRASH_RECORDER, argv.data());
-      ::_exit(127);
-    }
-    ::close(out[1]);
-    FILE* in = ::fdopen(out[0], "r");
-    char line[128] = {};
-    const bool ready = std::fgets(line, sizeof(line), in) != nullptr && std::strncmp(line, "ready ", 6) == 0;
+    ZarnTest::CChildProcess recorder({ZARN_CRASH_RECORDER, m_address, std::to_string(kStream),
+                                      GetParam().sync ? "sync" : "async", state, std::to_string(m_seed),
+                                      std::to_string(first), std::to_string(m_base)},
+                                     -1, 60000);
+    const std::string line = recorder.answer();
+    const bool ready = line.rfind("ready ", 0) == 0;
     if (ready) std::this_thread::sleep_for(std::chrono::milliseconds(10 + random() % 391));
-    ::kill(pid, SIGKILL);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    std::fclose(in);
+    const int status = recorder.kill();
     EXPECT_TRUE(ready) << "recorder did not start: " << line;
     // Anything but our SIGKILL (a write fault, a crash) is a failure itself.
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "recorder status " << status;
@@ -157,7 +136,7 @@ class CrashRecoveryTest : public ::testing::TestWithParam<Store> {
       // The cluster keeps a vanished client's session, and the caps on the
       // file it was writing, until the session times out; an operator evicts.
       const std::string evict = "bash '" ZARN_SCRIPTS_DIR "/ceph-cluster-daemon.sh' '" +
-                                ZarnTest::env("ZARN_TEST_CEPH_DIR") + "' evict " + std::string(line + 6, std::strcspn(line + 6, "\n")) +
+                                ZarnTest::env("ZARN_TEST_CEPH_DIR") + "' evict " + line.substr(6) +
                                 " >/dev/null";
       EXPECT_EQ(std::system(evict.c_str()), 0) << evict;
     }

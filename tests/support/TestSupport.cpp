@@ -8,6 +8,10 @@
 #include <memory>
 #include <cstring>
 #include <thread>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -20,6 +24,8 @@
 #endif
 #include "MediaContext.h"
 #include "VeltoFrame.h"
+
+extern char** environ;
 
 namespace ZarnTest {
 
@@ -184,6 +190,56 @@ Velto::Zarn::EngineEnv writerEnv(const Velto::Kandu::IClock& clock) {
 
 Velto::Zarn::EngineEnv readerEnv(const Velto::Kandu::IClock& clock) {
   return Velto::Zarn::CMediaContext::instance().readerEnv(clock);
+}
+
+CChildProcess::CChildProcess(const std::vector<std::string>& argv, int fd3, unsigned answerMs) : m_answerMs(answerMs) {
+  int fds[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return;
+  std::vector<char*> args;  // built before the spawn: the child of a threaded process only execs
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+  // fd3 is not 3 itself, so dup2 really runs and the copy loses close-on-exec.
+  if (fd3 >= 0) posix_spawn_file_actions_adddup2(&actions, fd3, 3);
+  if (::posix_spawn(&m_pid, args[0], &actions, nullptr, args.data(), environ) != 0) m_pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(fds[1]);
+  m_socket = fds[0];
+  const timeval silence{static_cast<time_t>(answerMs / 1000), static_cast<suseconds_t>(answerMs % 1000 * 1000)};
+  ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &silence, sizeof silence);
+}
+
+void CChildProcess::send(const std::string& line) {
+  (void)::send(m_socket, (line + "\n").data(), line.size() + 1, MSG_NOSIGNAL);
+}
+
+std::string CChildProcess::answer() {
+  std::string line;
+  for (char c = 0; ::recv(m_socket, &c, 1, 0) == 1; line += c) {
+    if (c == '\n') return line;
+  }
+  return "<no answer>";
+}
+
+int CChildProcess::kill() {
+  if (m_pid >= 0) ::kill(m_pid, SIGKILL);
+  stop();
+  return m_status;
+}
+
+int CChildProcess::stop() {
+  if (m_socket >= 0) ::shutdown(m_socket, SHUT_WR);
+  if (m_pid >= 0 && !waitFor([&] { return ::waitpid(m_pid, &m_status, WNOHANG) != 0; }, 3 * m_answerMs)) {
+    ::kill(m_pid, SIGKILL);
+    ::waitpid(m_pid, &m_status, 0);
+    m_status = -1;
+  }
+  if (m_socket >= 0) ::close(m_socket);
+  m_pid = m_socket = -1;
+  return m_status != -1 && WIFEXITED(m_status) ? WEXITSTATUS(m_status) : -1;
 }
 
 bool initializePeerClient(Velto::Zarn::CMediaClientInternal& client, const std::string& address, uint64_t& clientId) {

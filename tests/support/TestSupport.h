@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "EngineEnv.h"
@@ -110,6 +111,39 @@ std::string clusterRoot(const std::string& tag);
 
 // Polls `condition` every 2 ms until it holds or timeoutMs passes.
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);
+
+// A child process (argv[0] with `argv`) whose standard input and output are one
+// socket: lines go to it and come back. With `fd3` >= 0 that descriptor becomes
+// its descriptor 3 (every other descriptor a suite opens is close-on-exec). It
+// is ended, killed when it overstays, when the object goes.
+class CChildProcess {
+ public:
+  explicit CChildProcess(const std::vector<std::string>& argv, int fd3 = -1, unsigned answerMs = 15000);
+  ~CChildProcess() { stop(); }
+  CChildProcess(const CChildProcess&) = delete;
+  CChildProcess& operator=(const CChildProcess&) = delete;
+
+  bool running() const { return m_pid >= 0; }
+  // A line is short: the socket takes it whole. A child that is gone shows in answer().
+  void send(const std::string& line);
+  // The next line it wrote, without the break; "<no answer>" when it is gone or silent for answerMs.
+  std::string answer();
+  std::string ask(const std::string& line) {
+    send(line);
+    return answer();
+  }
+  // SIGKILL: it gets no chance to close anything. Its wait status.
+  int kill();
+  // Ends its input and waits for it to exit (it is killed after 3 * answerMs):
+  // its exit code, -1 when it did not exit normally.
+  int stop();
+
+ private:
+  pid_t m_pid = -1;
+  int m_socket = -1;
+  int m_status = -1;
+  unsigned m_answerMs;
+};
 
 // For a child process of a test: initialises `client` on the store at
 // `address` through a backend made here, so that the store's id of this
