@@ -150,24 +150,12 @@ class StreamReaderTest : public ::testing::Test {
   // `limit` frames. Results other than a frame or "not ready" end the read and
   // are left in m_last; m_ended tells whether the read met the session's end.
   Frames readAll(int session, bool keyOnly, bool reverse, size_t limit = 100000) {
+    const ZarnTest::SessionFrames read = ZarnTest::readSession(m_client, session, keyOnly, reverse, limit);
+    m_last = read.last;
+    m_ended = read.last == 0;
     Frames out;
-    m_last = 0;
-    m_ended = false;
-    VeltoFrame frame;  // one buffer for the whole read, as a host keeps it
-    while (out.size() < limit) {
-      unsigned long long length = 0;
-      int r = -2;
-      const bool ready = waitFor([&] { return (r = m_client.readFrame(session, &frame, length, keyOnly, reverse)) != -2; },
-                                 10000);
-      if (!ready || r != 0 || length == 0) {
-        m_last = ready ? r : -2;
-        m_ended = ready && r == 0 && length == 0;
-        return out;
-      }
-      EXPECT_EQ(length, frame.head.length);
-      out.push_back(Frame{std::vector<uint8_t>(frame.frame, frame.frame + length), frameTime(frame.frame),
-                          isKeyFrame(frame.head)});
-    }
+    for (const auto& b : read.frames)
+      out.push_back(Frame{b, frameTime(b.data()), isKeyFrame(*reinterpret_cast<const VeltoFrameHead*>(b.data()))});
     return out;
   }
 

@@ -152,29 +152,19 @@ class CrashRecoveryTest : public ::testing::TestWithParam<Store> {
   // ends in a fault (-3) at a file without a usable index; `faulted` tells,
   // where the caller allows it.
   std::vector<std::vector<uint8_t>> play(uint32_t end, bool keyOnly, bool reverse, bool* faulted = nullptr) {
-    std::vector<std::vector<uint8_t>> out;
     const int session = m_client.addSession(kStream, m_base, end, true);
     EXPECT_GT(session, 0);
     if (reverse) {
       EXPECT_EQ(m_client.seek(session, end), 0);
     }
-    VeltoFrame frame;
-    for (;;) {
-      unsigned long long length = 0;
-      int r = -2;
-      const bool got =
-          ZarnTest::waitFor([&] { return (r = m_client.readFrame(session, &frame, length, keyOnly, reverse)) != -2; },
-                            10000);
-      if (got && r == -3 && faulted != nullptr) {
-        *faulted = true;
-        break;
-      }
-      EXPECT_TRUE(got && r == 0) << "readFrame " << r << " after " << out.size() << " frames";
-      if (!got || r != 0 || length == 0) break;
-      out.emplace_back(frame.frame, frame.frame + length);
+    ZarnTest::SessionFrames read = ZarnTest::readSession(m_client, session, keyOnly, reverse);
+    if (faulted != nullptr && read.last == -3) {
+      *faulted = true;
+    } else {
+      EXPECT_EQ(read.last, 0) << "readFrame after " << read.frames.size() << " frames";
     }
     EXPECT_EQ(m_client.deleteSession(session), 0);
-    return out;
+    return read.frames;
   }
 
   void checkReverse(uint32_t end, const Frames& keyOnly, const Frames& forward, const std::set<uint32_t>& indexed);

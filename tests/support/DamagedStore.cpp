@@ -4,8 +4,6 @@
 
 #include <cstring>
 
-#include "KanduTime.h"
-#include "MediaClientInternal.h"
 #include "TestSupport.h"
 #include "VeltoFrame.h"
 
@@ -80,30 +78,6 @@ void putFile(CZarnFileSystem& fs, const std::string& path, const std::vector<uin
   ASSERT_TRUE(bytes.empty() || file->write(bytes.data(), static_cast<uint32_t>(bytes.size())) ==
                                    static_cast<int64_t>(bytes.size()));
   ASSERT_TRUE(file->close());
-}
-
-std::vector<uint32_t> playSequences(CMediaClientInternal& client, uint32_t sid, uint32_t b, uint32_t e, bool keyOnly,
-                                    bool reverse) {
-  const int session = client.addSession(sid, b, e, true);
-  std::vector<uint32_t> seqs;
-  // The host's own buffer: what the library allocates is then its own.
-  VeltoFrame frame;
-  const std::vector<uint8_t> seed = makeFrame(FRAME_TYPE_I, 0, 0, b, 0);
-  VeltoFrame source;
-  source.attach(seed.data());
-  EXPECT_TRUE(frame.copyToBuffer(source, 1u << 20));
-  int rc = -2;
-  const uint64_t start = Velto::Kandu::monotonicMs();
-  while (seqs.size() < 10000 && Velto::Kandu::monotonicMs() - start < 20000) {
-    unsigned long long length = 0;
-    rc = client.readFrame(static_cast<unsigned>(session), &frame, length, keyOnly, reverse);
-    if (rc == -2) continue;
-    if (rc != 0 || length == 0) break;
-    seqs.push_back(frame.head.sequence);
-  }
-  EXPECT_EQ(rc, 0) << "the session did not end: " << seqs.size() << " frames";
-  client.deleteSession(static_cast<unsigned>(session));
-  return seqs;
 }
 
 }  // namespace ZarnTest

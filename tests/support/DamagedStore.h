@@ -11,10 +11,6 @@
 #include "RecordFileName.h"
 #include "ZarnClient.h"
 
-namespace Velto::Zarn {
-class CMediaClientInternal;
-}
-
 namespace ZarnTest {
 
 struct RecordFileBytes {
@@ -39,12 +35,6 @@ struct RecordFileBytes {
 // `payload` bytes of payload; frame i has sequence number i.
 RecordFileBytes buildRecordFile(uint32_t streamId, uint32_t begin, uint32_t frames, uint32_t gop = 5,
                                 uint32_t payload = 200);
-
-// Plays [b, e] of stream `sid` in one order through `client` into a host buffer of
-// 1 MiB; the sequence numbers read. The session must end (0 with length 0)
-// within 10000 frames and 20 s: a reader that loops or stalls fails here.
-std::vector<uint32_t> playSequences(Velto::Zarn::CMediaClientInternal& client, uint32_t sid, uint32_t b, uint32_t e,
-                                    bool keyOnly, bool reverse);
 
 // Writes `bytes` into the store as the file `path` ("bucket/name"), making the
 // bucket when it is missing.

@@ -192,6 +192,43 @@ Velto::Zarn::EngineEnv readerEnv(const Velto::Kandu::IClock& clock) {
   return Velto::Zarn::CMediaContext::instance().readerEnv(clock);
 }
 
+SessionFrames readSession(Velto::Zarn::CMediaClientInternal& client, int session, bool keyOnly, bool reverse,
+                          size_t limit, bool hostBuffer) {
+  SessionFrames out;
+  Velto::Zarn::VeltoFrame frame;
+  if (hostBuffer) {
+    const std::vector<uint8_t> seed = makeFrame(Velto::Zarn::FRAME_TYPE_I, 0, 0, 1767225600, 0);
+    Velto::Zarn::VeltoFrame source;
+    source.attach(seed.data());
+    EXPECT_TRUE(frame.copyToBuffer(source, 1u << 20));
+  }
+  for (out.last = 1; out.frames.size() < limit;) {
+    unsigned long long length = 0;
+    int r = -2;
+    waitFor([&] { return (r = client.readFrame(session, &frame, length, keyOnly, reverse)) != -2; }, 10000);
+    if (r != 0 || length == 0) {
+      out.last = r;
+      break;
+    }
+    EXPECT_EQ(length, frame.head.length);
+    out.frames.emplace_back(frame.frame, frame.frame + length);
+  }
+  return out;
+}
+
+std::vector<uint32_t> playSequences(Velto::Zarn::CMediaClientInternal& client, uint32_t sid, uint32_t b, uint32_t e,
+                                    bool keyOnly, bool reverse) {
+  const int session = client.addSession(sid, b, e, true);
+  const SessionFrames read = readSession(client, session, keyOnly, reverse, 10000, true);
+  EXPECT_EQ(read.last, 0) << "the session did not end: " << read.frames.size() << " frames";
+  client.deleteSession(session);
+  std::vector<uint32_t> seqs;
+  for (const auto& f : read.frames) {
+    seqs.push_back(reinterpret_cast<const Velto::Zarn::VeltoFrameHead*>(f.data())->sequence);
+  }
+  return seqs;
+}
+
 CChildProcess::CChildProcess(const std::vector<std::string>& argv, int fd3, unsigned answerMs) : m_answerMs(answerMs) {
   int fds[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return;

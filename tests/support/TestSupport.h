@@ -112,6 +112,27 @@ std::string clusterRoot(const std::string& tag);
 // Polls `condition` every 2 ms until it holds or timeoutMs passes.
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);
 
+// What a host's reads of one playback session gave: the frames, and the result
+// that ended the reads (0: the session's end; -2: "not ready" for 10 s; 1: the
+// limit of frames reached; else the failing result).
+struct SessionFrames {
+  std::vector<std::vector<uint8_t>> frames;
+  int last = 0;
+};
+
+// Reads `session` through `client` until its end (result 0 with length 0),
+// another result, or `limit` frames; a read answered "not ready" (-2) is tried
+// again for up to 10 s. The frames go into one record, as a host keeps it; with
+// `hostBuffer` the record first gets a buffer of 1 MiB of the host's own.
+SessionFrames readSession(Velto::Zarn::CMediaClientInternal& client, int session, bool keyOnly, bool reverse,
+                          size_t limit = 100000, bool hostBuffer = false);
+
+// Plays [b, e] of stream `sid` in one order into a host buffer: the sequence
+// numbers read. The session must end within 10000 frames, no read waiting more
+// than 10 s: a reader that loops or stalls fails here.
+std::vector<uint32_t> playSequences(Velto::Zarn::CMediaClientInternal& client, uint32_t sid, uint32_t b, uint32_t e,
+                                    bool keyOnly, bool reverse);
+
 // A child process (argv[0] with `argv`) whose standard input and output are one
 // socket: lines go to it and come back. With `fd3` >= 0 that descriptor becomes
 // its descriptor 3 (every other descriptor a suite opens is close-on-exec). It
