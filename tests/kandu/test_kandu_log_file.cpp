@@ -1,8 +1,7 @@
-// Logging (levels, sink, destinations, environment), local files, directory
-// search and CRC-32.
+// Logging (levels, sink, destinations, environment) and CRC-32. Local files are
+// checked through the configuration and the status file that use them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
@@ -11,7 +10,6 @@
 #include <sstream>
 
 #include "KanduCrc.h"
-#include "KanduFile.h"
 #include "KanduLog.h"
 #include "KanduThread.h"
 #include "TestSupport.h"
@@ -198,82 +196,6 @@ TEST(LogEnvironmentDeathTest, LevelAndFileFromEnvironmentUnlessTheHostSetsThem) 
               testing::ExitedWithCode(0), "");
   EXPECT_EXIT((::setenv("ZARN_LOG_LEVEL", "loud", 1), std::_Exit(getLogLevel() == LOG_INFO ? 0 : 1)),
               testing::ExitedWithCode(0), "ZARN_LOG_LEVEL");
-}
-
-// ---------------------------------------------------------------- CFile
-
-TEST(FileTest, WriteReadSeekTellAndSize) {
-  ZarnTest::TempDir dir;
-  CFile file;
-  EXPECT_EQ(file.read(nullptr, 1), -1);  // not open
-  ASSERT_TRUE(file.open(dir.sub("data.bin"), "w+"));
-  EXPECT_EQ(file.write("0123456789", 10), 10);
-  EXPECT_EQ(file.tell(), 10);
-  EXPECT_EQ(file.size(), 10);  // counts buffered bytes
-  EXPECT_EQ(file.seek(2, 0), 2);
-  char buf[16] = {};
-  EXPECT_EQ(file.read(buf, 3), 3);
-  EXPECT_STREQ(buf, "234");
-  EXPECT_EQ(file.write("xy", 2), 2);  // a write right after a read, on the same update stream
-  EXPECT_EQ(file.seek(-1, 2), 9);
-  EXPECT_EQ(file.read(buf, 16), 1);
-  EXPECT_EQ(buf[0], '9');
-  EXPECT_EQ(file.read(buf, 16), 0);  // end of file
-  EXPECT_EQ(file.seek(-3, 1), 7);
-  EXPECT_EQ(file.seek(0, 7), -1);  // unknown origin
-  EXPECT_TRUE(file.flush());
-  EXPECT_TRUE(file.close());
-  EXPECT_FALSE(file.close());
-  EXPECT_EQ(readAll(dir.sub("data.bin")), "01234xy789");
-  EXPECT_FALSE(file.open(dir.sub("missing/file"), "r"));
-  EXPECT_FALSE(file.isOpen());
-
-  ASSERT_TRUE(file.open(dir.sub("config.txt"), "w"));
-  ASSERT_EQ(file.write("first\nsecond line\nlast-without-break", 36), 36);
-  ASSERT_TRUE(file.close());
-  ASSERT_TRUE(file.open(dir.sub("config.txt"), "r"));
-  char line[8];
-  std::vector<std::string> pieces;
-  while (file.readLine(line, sizeof(line))) pieces.push_back(line);
-  // At most capacity-1 characters per call, line break kept; the rest of a long line follows.
-  EXPECT_THAT(pieces, ElementsAre("first\n", "second ", "line\n", "last-wi", "thout-b", "reak"));
-  EXPECT_FALSE(file.readLine(line, 1));
-}
-
-// ---------------------------------------------------------------- CFileFind
-
-TEST(FileFindTest, PatternMatching) {
-  const std::pair<const char*, const char*> matching[] = {
-      {"*", ""}, {"", ""}, {"*.qrv", "235930_001205_1_2_1.qrv"}, {"??????_*", "235930_001205.qrv"}, {"a?c", "abc"},
-      {"a*b*c", "aXXbYYc"}, {"*ab*cd", "xabyabzcd"} /* backtracks past the first "ab" */, {"**x", "x"}};
-  const std::pair<const char*, const char*> different[] = {
-      {"", "a"}, {"*.qrv", "x.qrv.idx"}, {"*.qrv", "qrv"}, {"??????_*", "23593_001205.qrv"}, {"a?c", "ac"},
-      {"?", ""}, {"a*b*c", "aXXbYY"}, {"*a", "bbab"}, {"Media*", "media_7"} /* case matters */};
-  for (const auto& [pattern, name] : matching) EXPECT_TRUE(CFileFind::matches(pattern, name)) << pattern << " " << name;
-  for (const auto& [pattern, name] : different) EXPECT_FALSE(CFileFind::matches(pattern, name)) << pattern << " " << name;
-}
-
-TEST(FileFindTest, ListsMatchingEntriesSortedWithKindAndSize) {
-  ZarnTest::TempDir dir;
-  for (const char* name : {"235930_001205_1_2_1.qrv", "000000_000100_1_2_1.qrv", "120000_000200_1_2_1.idx"})
-    std::ofstream(dir.sub(name)) << "sixbyt";
-  ASSERT_EQ(::mkdir(dir.sub("05.qrv").c_str(), 0755), 0);
-
-  CFileFind find;
-  ASSERT_TRUE(find.findFiles(dir.path(), "*.qrv"));
-  std::vector<std::string> names;
-  CFileFind::Entry e;
-  while (find.findNext(e)) {
-    names.push_back(e.name);
-    EXPECT_EQ(e.isDirectory, e.name == "05.qrv");
-    EXPECT_EQ(e.size, e.isDirectory ? 0u : 6u);
-  }
-  EXPECT_THAT(names, ElementsAre("000000_000100_1_2_1.qrv", "05.qrv", "235930_001205_1_2_1.qrv"));
-  EXPECT_FALSE(find.findNext(e));
-  ASSERT_TRUE(find.findFiles(dir.path()));
-  EXPECT_EQ(find.entries().size(), 4u);  // no "." or ".."
-  EXPECT_FALSE(find.findFiles(dir.sub("absent")));
-  EXPECT_TRUE(find.entries().empty());
 }
 
 // ---------------------------------------------------------------- CRC-32

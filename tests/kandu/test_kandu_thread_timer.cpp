@@ -1,9 +1,7 @@
-// Threads, synchronisation and timer services: schedules on a manual clock
-// (run counts, self-stop, self-restart), waiting stops and destruction,
-// execution time-out warnings, pool size; the semaphore and the recursive
-// mutex across threads.
+// Synchronisation and timer services: schedules on a manual clock (run counts,
+// self-stop, self-restart), waiting stops and destruction, execution time-out
+// warnings, pool size; the semaphore and the recursive mutex across threads.
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -22,7 +20,6 @@ using Velto::Kandu::CAutoLock;
 using Velto::Kandu::CManualClock;
 using Velto::Kandu::CMutex;
 using Velto::Kandu::CSemaphore;
-using Velto::Kandu::CThread;
 using Velto::Kandu::CThreadLite;
 using Velto::Kandu::CTimer;
 using Velto::Kandu::monotonicMs;
@@ -303,7 +300,7 @@ TEST(TimerServiceTest, PoolGrowsWhileProceduresBlock) {
 
 // ---------------------------------------------------------------- sync
 
-TEST(SemaphoreTest, PendTimesOutWithMinusOneAndTakesCountsWithZero) {
+TEST(SemaphoreTest, PendTimesOutCountsAndIsWokenFromAnotherThread) {
   CSemaphore sem;
   uint64_t before = monotonicMs();
   EXPECT_EQ(sem.pend(50), -1);
@@ -320,10 +317,8 @@ TEST(SemaphoreTest, PendTimesOutWithMinusOneAndTakesCountsWithZero) {
   int taken = 0;
   while (preloaded.pend(0) == 0) ++taken;
   EXPECT_EQ(taken, 3);
-}
 
-TEST(SemaphoreTest, InfiniteWaiterIsWokenByPostFromAnotherThread) {
-  CSemaphore sem;
+  // An infinite waiter is woken by a post from another thread.
   std::atomic<int> result{1};
   CThreadLite waiter("waiter", [&](CThreadLite&) { result = sem.pend(CSemaphore::kInfinite); });
   ASSERT_TRUE(waiter.create());
@@ -371,81 +366,6 @@ TEST(MutexTest, CMutexIsRecursiveAndExcludesOtherThreads) {
   ASSERT_TRUE(other.create());
   ASSERT_TRUE(waitFor([&] { return otherTry.load() != -1; }));
   EXPECT_EQ(otherTry.load(), 0);
-}
-
-// ---------------------------------------------------------------- threads
-
-class CountingThread : public CThread {
- public:
-  CountingThread() : CThread("a counting thread with a long name") {}
-  ~CountingThread() override { destroy(); }
-  std::atomic<int> loops{0};
-  std::atomic<bool> exited{false};
-  std::string osName;
-  size_t stackBytes = 0;
-
- protected:
-  void threadProc() override {
-    char name[32] = {};
-    ::pthread_getname_np(::pthread_self(), name, sizeof(name));
-    osName = name;
-    pthread_attr_t attr;
-    if (::pthread_getattr_np(::pthread_self(), &attr) == 0) {
-      ::pthread_attr_getstacksize(&attr, &stackBytes);
-      ::pthread_attr_destroy(&attr);
-    }
-    for (exited = false; isLooping(); sleepMs(1)) ++loops;
-    exited = true;
-  }
-};
-
-TEST(ThreadTest, CThreadLoopsUntilDestroyedWithNameAndStack) {
-  CountingThread thread;
-  EXPECT_FALSE(thread.isRunning());
-  ASSERT_TRUE(thread.create(512));
-  EXPECT_TRUE(thread.isRunning());
-  EXPECT_TRUE(thread.isLooping());
-  EXPECT_FALSE(thread.create(512));  // already running
-  ASSERT_TRUE(waitFor([&] { return thread.loops.load() >= 5; }));
-  thread.destroy();  // returns once the procedure has
-  EXPECT_TRUE(thread.exited.load());
-  EXPECT_FALSE(thread.isRunning());
-  EXPECT_FALSE(thread.isLooping());
-  const int after = thread.loops.load();
-  EXPECT_EQ(thread.osName, "a counting thre");  // the OS keeps 15 characters
-  EXPECT_GE(thread.stackBytes, 512u * 1024u);
-  EXPECT_LT(thread.stackBytes, 8u * 1024u * 1024u);  // not the default size
-
-  // A destroyed thread can be created again.
-  ASSERT_TRUE(thread.create());
-  ASSERT_TRUE(waitFor([&] { return thread.loops.load() > after; }));
-  thread.destroy();
-  thread.destroy();  // harmless when not running
-}
-
-TEST(ThreadDeathTest, CThreadDestroyedWhileItsProcedureRunsAborts) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  class Forgetful : public CThread {
-   public:
-    Forgetful() : CThread("forgetful") {}
-    std::atomic<bool> entered{false};
-
-   protected:
-    void threadProc() override {
-      entered = true;
-      while (isLooping()) sleepMs(1);
-    }
-  };
-  EXPECT_DEATH(
-      {
-        auto* thread = new Forgetful();
-        thread->create();
-        // Deleted before its procedure is entered, the thread would make a pure
-        // virtual call of its own instead of meeting the destructor's check.
-        while (!thread->entered) sleepMs(1);
-        delete thread;  // no destroy(): a programming error
-      },
-      "destroy");
 }
 
 }  // namespace

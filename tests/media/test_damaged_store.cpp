@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -48,30 +47,8 @@ std::vector<uint32_t> keys(const RecordFileBytes& f) {
   return out;
 }
 
-// Plays [b, e] of the stream in one order and returns the sequence numbers
-// read. The session must end (0 with length 0) within a bounded number of
-// frames and seconds: a reader that loops or stalls fails here.
 std::vector<uint32_t> play(CMediaClientInternal& client, uint32_t b, uint32_t e, bool keyOnly, bool reverse) {
-  const int session = client.addSession(kSid, b, e, true);
-  std::vector<uint32_t> seqs;
-  // The host's own buffer, 1 MiB: what the library allocates is then its own.
-  VeltoFrame frame;
-  const std::vector<uint8_t> seed = ZarnTest::makeFrame(FRAME_TYPE_I, 0, 0, T, 0);
-  VeltoFrame source;
-  source.attach(seed.data());
-  EXPECT_TRUE(frame.copyToBuffer(source, 1u << 20));
-  int rc = -2;
-  const uint64_t start = Velto::Kandu::monotonicMs();
-  while (seqs.size() < 10000 && Velto::Kandu::monotonicMs() - start < 20000) {
-    unsigned long long length = 0;
-    rc = client.readFrame(static_cast<unsigned>(session), &frame, length, keyOnly, reverse);
-    if (rc == -2) continue;
-    if (rc != 0 || length == 0) break;
-    seqs.push_back(frame.head.sequence);
-  }
-  EXPECT_EQ(rc, 0) << "the session did not end: " << seqs.size() << " frames";
-  client.deleteSession(static_cast<unsigned>(session));
-  return seqs;
+  return ZarnTest::playSequences(client, kSid, b, e, keyOnly, reverse);
 }
 
 long peakRssKb() {
@@ -250,11 +227,9 @@ TEST_F(DamagedStoreTest, AListedFileThatNeverOpensIsSteppedOver) {
   refuse.code = ZARN_E_PERMISSION;
   refuse.nameContains = second.path().substr(second.path().find('/') + 1);
   backend->addRule(refuse);
-  LogCapture log(Velto::Kandu::LOG_WARN);
   std::vector<uint32_t> expected = all(10);
   expected.insert(expected.end(), expected.begin(), expected.end());
   EXPECT_EQ(play(client, T, T + 29, false, false), expected);
-  EXPECT_TRUE(log.contains("could not be opened 50 times in a row"));
   registerStoreBackend("faulty", nullptr);
 }
 
@@ -293,13 +268,11 @@ TEST_F(DamagedStoreTest, AStripeThatNoPaddingFrameFitsRefusesTheFlushAndKeepsRec
     return m_client.writeFrame(30, &frame, 0, written);
   };
   ASSERT_EQ(write(), 0);
-  LogCapture log(Velto::Kandu::LOG_ERROR);
   for (auto [data, parity] : {std::pair<unsigned short, unsigned short>{0, 0}, {65535, 0}}) {
     m_client.setDefaultECType(data, parity);  // taken as given
     EXPECT_EQ(m_client.flushFrame(30), -3);
     EXPECT_EQ(write(), 0);  // the stream goes on
   }
-  EXPECT_EQ(log.count("flushFrame refused"), 2u);
   m_client.setDefaultECType(4, 1);
   EXPECT_EQ(m_client.flushFrame(30), 0);
   ASSERT_EQ(m_client.deleteStream(30), 0);
@@ -337,7 +310,6 @@ TEST_F(DamagedStoreTest, QueriesRefuseAnswersBeyondTheirBounds) {
     ASSERT_TRUE(generateRecordFileName(n, name));
     putFile(store(), name, {});
   }
-  LogCapture log(Velto::Kandu::LOG_ERROR);
   std::vector<bool> status;
   // A step near 2^32 over recorded time: one bit, set (the count does not wrap to none).
   ASSERT_EQ(m_client.queryRecordStatus(kSid, T, T + 3600, status, 0xFFFFFFFF), 0);
@@ -346,14 +318,12 @@ TEST_F(DamagedStoreTest, QueriesRefuseAnswersBeyondTheirBounds) {
   status.assign(3, true);
   EXPECT_EQ(m_client.queryRecordStatus(kSid, 0, 0xFFFFFFFF, status, 1), -1);
   EXPECT_EQ(status.size(), 3u);
-  EXPECT_TRUE(log.contains("status bits: more than"));
   // Clips of two seconds fit (1,036,800); of one second they pass the bound,
   // and the caller's vector is left as it was.
   static_assert(kSpan > kMaxClipListEntries && kSpan / 2 < kMaxClipListEntries);
   std::vector<RecordClip> clips(2);
   EXPECT_EQ(m_client.queryRecordClipList(kSid, T, T + kSpan, clips, 1), -1);
   EXPECT_EQ(clips.size(), 2u);
-  EXPECT_TRUE(log.contains("clips of 1 s: refused"));
   ASSERT_EQ(m_client.queryAlignedClipList(kSid, T, T + kSpan, clips, 2), 0);
   EXPECT_EQ(clips.size(), 2u + kSpan / 2);
 }
@@ -369,14 +339,12 @@ TEST_F(DamagedStoreTest, TheFacadeRefusesWhatCannotWork) {
   EXPECT_EQ(fresh.queryAlignedClipList(kSid, T, T + 60, clips, 60), -1);
   EXPECT_EQ(fresh.queryRecordFileList(kSid, T, T + 60, files), -1);
   EXPECT_EQ(fresh.queryRecordStatus(kSid, T, T + 60, status, 60), -1);
-  EXPECT_TRUE(log.contains("the store is not initialized"));
   // A user name that cannot begin a bucket name.
   for (const char* user : {"..", "../x", "a/b", ".hidden"}) {
     CMediaClientInternal client;
     ZarnTest::TempDir dir;
     EXPECT_EQ(client.initialize(Config{dir.sub("store").c_str(), 0, user, ""}, nullptr), -1) << user;
   }
-  EXPECT_TRUE(log.contains("cannot begin a bucket name"));
   // A second initialize keeps this client's store, and says so when given another.
   ZarnTest::TempDir other;
   EXPECT_EQ(m_client.initialize(Config{other.sub("store").c_str(), 0, "root", ""}, nullptr), 0);

@@ -178,6 +178,14 @@ void checkRepair(const Case& c) {
 }
 
 TEST_F(IndexFixerTest, RepairsOneFileByWhatItsBytesHold) {
+  // SVC descriptor: tag, levels, layer flag, unused. Layer flag 0 marks a
+  // base-layer P frame that a key-frame walk needs.
+  const auto svcFrames = [] {
+    Built b;
+    for (uint32_t i = 0; i < 8; ++i)
+      b.add({i == 0 ? I : P, 0, static_cast<uint16_t>(i * 1000), {kExtTagSvc, 3, static_cast<uint8_t>(i == 3 ? 0 : 1), 0}});
+    return b;
+  };
   const std::vector<Case> cases = {
       {"31 bytes, short of one frame", [] { Built b; b.raw(frameBytes({I, 0, 0, {}}, 0)); b.bytes.resize(31); return b; },
        0, true, IndexFixReport::kTooSmall, RECORD_INDEX_TOO_SMALL, {}, 0, 0},
@@ -224,34 +232,13 @@ TEST_F(IndexFixerTest, RepairsOneFileByWhatItsBytesHold) {
          return b;
        },
        0, true, IndexFixReport::kRebuilt, RECORD_INDEX_SEPARATE, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, 12, 11},
-      // SVC descriptor: tag, levels, layer flag, unused. Layer flag 0 marks a
-      // base-layer P frame that a key-frame walk needs.
-      {"SVC base-layer P frames, SVC on",
-       [] {
-         Built b;
-         for (uint32_t i = 0; i < 8; ++i)
-           b.add({i == 0 ? I : P, 0, static_cast<uint16_t>(i * 1000), {kExtTagSvc, 3, static_cast<uint8_t>(i == 3 ? 0 : 1), 0}});
-         return b;
-       },
-       0, true, IndexFixReport::kRebuilt, RECORD_INDEX_SEPARATE, {0, 3}, 8, 7},
-      {"SVC base-layer P frames, SVC off",
-       [] {
-         Built b;
-         for (uint32_t i = 0; i < 8; ++i)
-           b.add({i == 0 ? I : P, 0, static_cast<uint16_t>(i * 1000), {kExtTagSvc, 3, static_cast<uint8_t>(i == 3 ? 0 : 1), 0}});
-         return b;
-       },
-       0, false, IndexFixReport::kRebuilt, RECORD_INDEX_SEPARATE, {0}, 8, 7},
-  };
-  for (const Case& c : cases) checkRepair(c);
-}
-
-// A rebuild whose final end time equals the end time of the name it works
-// under (the begin time for an open name, the name's own end for a state-0
-// name) names the index file the same before and after; a rename of it onto
-// its own name would be refused and leave the file in state 2 for good.
-TEST_F(IndexFixerTest, ARebuildEndingAtTheWorkNamesEndTime) {
-  const std::vector<Case> cases = {
+      {"SVC base-layer P frames, SVC on", svcFrames, 0, true, IndexFixReport::kRebuilt, RECORD_INDEX_SEPARATE, {0, 3}, 8, 7},
+      {"SVC base-layer P frames, SVC off", svcFrames, 0, false, IndexFixReport::kRebuilt, RECORD_INDEX_SEPARATE, {0}, 8,
+       7},
+      // A rebuild whose final end time equals the end time of the name it works
+      // under (the begin time for an open name, the name's own end for a state-0
+      // name) names the index file the same before and after; a rename of it onto
+      // its own name would be refused and leave the file in state 2 for good.
       // A stamp that does not move keeps the time: both key frames get T. The
       // name still ends a second later: a name ending at its begin would be a
       // clip that no query or session from that second reaches.
@@ -267,8 +254,6 @@ TEST_F(IndexFixerTest, ARebuildEndingAtTheWorkNamesEndTime) {
   for (const Case& c : cases) checkRepair(c);
 }
 
-// Files a CRecordFile wrote: closed ones get their closed name back, crashed
-// ones an index that playback through a client uses.
 // A fixer killed between its two final renames left the record file in state
 // 2 and its index file already under the final name: the next repair writes
 // the index anew and replaces that one.
@@ -288,6 +273,8 @@ TEST_F(IndexFixerTest, ARebuildInterruptedBeforeItsLastRenameIsFinished) {
   EXPECT_EQ(reader.recordIndex()->entries().size(), 3u);  // frames 0, 5, 10
 }
 
+// Files a CRecordFile wrote: closed ones get their closed name back, crashed
+// ones an index that playback through a client uses.
 TEST_F(IndexFixerTest, FilesTheWriterLeftBehind) {
   // Ten frames at 5 fps (stamps 200 ms apart), an I frame every five.
   auto write = [&](CRecordFile& file) {
@@ -337,25 +324,7 @@ TEST_F(IndexFixerTest, FilesTheWriterLeftBehind) {
   ASSERT_EQ(r.outcome, IndexFixReport::kRebuilt);
   EXPECT_EQ(r.name, recordPath(closedName(T + 1, RECORD_INDEX_SEPARATE)));
   EXPECT_EQ(r.keyFrames, 2u);
-  const int session = client.addSession(kSid, T, T + 1, true);
-  ASSERT_GE(session, 0);
-  VeltoFrame frame;
-  const Bytes seed = ZarnTest::makeFrame(I, 0, 0, T, 0);
-  VeltoFrame source;
-  source.attach(seed.data());
-  ASSERT_TRUE(frame.copyToBuffer(source, 1u << 20));
-  std::vector<uint32_t> keys;
-  const uint64_t start = Velto::Kandu::monotonicMs();
-  int rc = -2;
-  while (keys.size() < 100 && Velto::Kandu::monotonicMs() - start < 10000) {
-    unsigned long long length = 0;
-    rc = client.readFrame(static_cast<unsigned>(session), &frame, length, true, false);
-    if (rc == -2) continue;
-    if (rc != 0 || length == 0) break;
-    keys.push_back(frame.head.sequence);
-  }
-  client.deleteSession(static_cast<unsigned>(session));
-  EXPECT_EQ(keys, (std::vector<uint32_t>{0, 5}));
+  EXPECT_EQ(ZarnTest::playSequences(client, kSid, T, T + 1, true, false), (std::vector<uint32_t>{0, 5}));
 }
 
 // A file someone has open for writing is not touched, whichever name it has.

@@ -51,9 +51,6 @@ class MediaConfigTest : public ::testing::Test {
     (void)cfg.getMaxLockRate(present[2]);
     (void)cfg.getCyclicCoverThresholdRate(present[3]);
     for (bool p : present) EXPECT_FALSE(p);
-    std::string name = "stale";
-    EXPECT_FALSE(cfg.getStdFileConfigFileName(name));
-    EXPECT_EQ(name, "");
   }
 
   ZarnTest::TempDir m_dir;
@@ -217,30 +214,6 @@ TEST_F(MediaConfigTest, WrongTypesYieldDefaultsWithTheirTypeCodes) {
                             "the value of (cyclic_cover_threshold_rate) is not Double, the real type is 1"})
     EXPECT_EQ(m_log.count(error), 1u) << error;
   EXPECT_EQ(m_log.count("#0,CMediaConfig::getDouble "), 2u);
-}
-
-TEST_F(MediaConfigTest, LocalStoreKeys) {
-  CMediaConfig cfg;
-  load(cfg, R"({ "enable_cfg": 1, "stdfile_config_file_name": "stdfile.cfg",
-                 "stdfile_disk": ["/mnt/a", "/mnt/b", 3] })");
-  m_log.clear();
-  std::string name;
-  EXPECT_TRUE(cfg.getStdFileConfigFileName(name));
-  EXPECT_EQ(name, "stdfile.cfg");
-
-  Json::Value disks;
-  ASSERT_TRUE(cfg.getArray("stdfile_disk", disks));
-  EXPECT_EQ(disks.size(), 3u);
-  std::vector<std::string> diskNames;
-  EXPECT_TRUE(cfg.getArray("stdfile_disk", diskNames));
-  EXPECT_EQ(diskNames, (std::vector<std::string>{"/mnt/a", "/mnt/b"}));
-  EXPECT_EQ(m_log.count("(stdfile_disk) is not String, the real type is 1"), 1u);
-
-  EXPECT_FALSE(cfg.getArray("other_disks", disks));
-  EXPECT_FALSE(cfg.getArray("stdfile_config_file_name", diskNames));  // not an array
-  EXPECT_TRUE(diskNames.empty());
-  EXPECT_EQ(m_log.count("key (other_disks) does not exist"), 1u);
-  EXPECT_EQ(m_log.count("key (stdfile_config_file_name) does not exist"), 1u);
 }
 
 // --- Text handling -------------------------------------------------------------

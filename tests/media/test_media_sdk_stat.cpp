@@ -60,7 +60,6 @@ class MediaSdkStatTest : public ::testing::Test {
 };
 
 TEST_F(MediaSdkStatTest, UnstartedStatisticsOnlyCount) {
-  ZarnTest::LogCapture log(Velto::Kandu::LOG_INFO);
   m_stat.addFileSplitCount();
   m_stat.addStreamBytes(1u << 30);
   m_stat.tickNow();
@@ -68,9 +67,6 @@ TEST_F(MediaSdkStatTest, UnstartedStatisticsOnlyCount) {
 
   // The counts survive until the first real tick.
   startAndAwaitFirstTick();
-  EXPECT_EQ(log.count("#0,CMediaSdkStat::startTimer "), 1u);
-  EXPECT_EQ(log.count(", Start MediaSdk Timer to record status info."), 1u);
-  EXPECT_EQ(log.count("failed"), 0u);
   EXPECT_FALSE(fs::exists(m_path + ".tmp"));
   Json::Value doc = readStatFile(m_path);
   EXPECT_EQ(doc["file.split.count"].asUInt(), 1u);
@@ -104,17 +100,13 @@ TEST_F(MediaSdkStatTest, DocumentHoldsTheMinutesCountsAndTheNextMinuteStartsFrom
   doc = tickAndRead();
   doc.removeMember("ctime");
   EXPECT_EQ(doc.toStyledString(), parse(kQuietMinute).toStyledString());
-}
 
-TEST_F(MediaSdkStatTest, StreamCountComesFromTheCounterFunction) {
+  // The stream count comes from the counter function, read at each tick.
   std::atomic<int32_t> writers{7};
   m_stat.setStreamCounter([&writers] { return writers.load(); });
-  startAndAwaitFirstTick();
   EXPECT_EQ(tickAndRead()["stream.count"].asInt(), 7);
   writers = 3;
   EXPECT_EQ(tickAndRead()["stream.count"].asInt(), 3);
-  m_stat.setStreamCounter(nullptr);
-  EXPECT_EQ(tickAndRead()["stream.count"].asInt(), 0);
 }
 
 TEST_F(MediaSdkStatTest, CountersFedFromSeveralThreadsAddUp) {
@@ -155,8 +147,6 @@ TEST_F(MediaSdkStatTest, MissingDirectoryLogsTheOpenFailureAndWritesNothing) {
   ASSERT_EQ(log.count(failure), 1u);
   m_stat.tickNow();
   EXPECT_EQ(log.count(failure), 2u);
-  EXPECT_EQ(log.count("#0,CMediaSdkStat::dumpToStatFile "), 2u);
-  EXPECT_EQ(log.count("CMediaSdkStat::"), 3u);  // the start line and the two failures
   EXPECT_TRUE(fs::is_empty(m_dir.path()));
 }
 

@@ -2,9 +2,9 @@
 // locks on files and ranges, on a local store.
 #include <gtest/gtest.h>
 
-#include <thread>
 #include <vector>
 
+#include "DamagedStore.h"
 #include "FaultInjectingBackend.h"
 #include "KanduTime.h"
 #include "LocalStoreBackend.h"
@@ -22,11 +22,7 @@ namespace {
 
 class LedgerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_root = m_dir.sub("store");
-    m_config = Config{m_root.c_str(), 0, "root", ""};
-    ASSERT_TRUE(m_fs.initialize(m_config));
-  }
+  void SetUp() override { ASSERT_TRUE(m_fs.initialize(Config{m_root.c_str(), 0, "root", ""})); }
   uint64_t total() {
     uint64_t t = 0;
     EXPECT_TRUE(getLockSize(m_fs, t));
@@ -39,12 +35,11 @@ class LedgerTest : public ::testing::Test {
   }
 
   ZarnTest::TempDir m_dir;
-  std::string m_root;
-  Config m_config{};
+  std::string m_root = m_dir.sub("store");
   CZarnFileSystem m_fs;
 };
 
-TEST_F(LedgerTest, CheckSysFileCreatesOneLedgerAndKeepsIt) {
+TEST_F(LedgerTest, CheckSysFileCreatesOneLedgerAndKeepsItAndTotalsNeverGoBelowZero) {
   EXPECT_TRUE(getLockSizeFileName(m_fs).empty());
   EXPECT_EQ(plusLockSize(m_fs, 5), -1);  // updates without a ledger fail
   EXPECT_EQ(minusLockSize(m_fs, 5), -1);
@@ -56,17 +51,8 @@ TEST_F(LedgerTest, CheckSysFileCreatesOneLedgerAndKeepsIt) {
   EXPECT_EQ(ledgerFiles(), 1u);
   ZarnFileStat st;
   EXPECT_FALSE(m_fs.getFileStat("media_system/sys.lock", st));  // the guard is gone again
-}
 
-TEST_F(LedgerTest, ALeftoverGuardIsRemovedByTheNextStarter) {
-  ASSERT_TRUE(m_fs.createBucket(kSystemBucket));
-  ASSERT_TRUE(m_fs.createFile("media_system/sys.lock", 1, 1)->close());  // a creator that died
-  ASSERT_TRUE(checkSysFile(m_fs));
-  EXPECT_EQ(ledgerFiles(), 1u);
-}
-
-TEST_F(LedgerTest, TotalsAddUpAndNeverGoBelowZero) {
-  ASSERT_TRUE(checkSysFile(m_fs));
+  // Totals add up and never go below zero.
   EXPECT_EQ(plusLockSize(m_fs, 0), 0);
   EXPECT_EQ(plusLockSize(m_fs, 100), 0);
   EXPECT_EQ(plusLockSize(m_fs, 28), 0);
@@ -120,22 +106,6 @@ TEST_F(LedgerTest, OfLeftoverNamesTheNewestCountsAndSettledOnesAreRemoved) {
   EXPECT_EQ(ledgerFiles(), 1u);
 }
 
-TEST_F(LedgerTest, ConcurrentClientsBothLandTheirUpdates) {
-  ASSERT_TRUE(checkSysFile(m_fs));
-  constexpr int kThreads = 4, kEach = 25;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([this] {
-      CZarnFileSystem own;  // a connection of its own, like another process
-      ASSERT_TRUE(own.initialize(m_config));
-      for (int i = 0; i < kEach; ++i) ASSERT_EQ(plusLockSize(own, 1), 0);
-    });
-  }
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(total(), static_cast<uint64_t>(kThreads * kEach));
-  EXPECT_EQ(ledgerFiles(), 1u);
-}
-
 TEST_F(LedgerTest, RemovingARecordFileTakesALockedFilesSizeOffTheLedgerOnce) {
   ASSERT_TRUE(checkSysFile(m_fs));
   ASSERT_TRUE(m_fs.createBucket("media_3"));
@@ -150,24 +120,20 @@ TEST_F(LedgerTest, RemovingARecordFileTakesALockedFilesSizeOffTheLedgerOnce) {
   for (const RecordFileName* r : {&locked, &index, &unlocked})
     ASSERT_TRUE(m_fs.createFile(ZarnTest::recordPath(*r), 1, 1)->close());
   ASSERT_EQ(plusLockSize(m_fs, 8), 0);
-  ZarnTest::LogCapture log;
 
   ASSERT_TRUE(removeRecordFile(m_fs, index));  // index files never count
   EXPECT_EQ(total(), 8u);
   ASSERT_TRUE(removeRecordFile(m_fs, locked));
   EXPECT_EQ(total(), 3u);
-  const std::string name = ZarnTest::recordPath(locked);
   ZarnFileStat st;
-  EXPECT_FALSE(m_fs.getFileStat(name, st));
+  EXPECT_FALSE(m_fs.getFileStat(ZarnTest::recordPath(locked), st));
   // Gone already: refused, and the ledger stays as it is.
   EXPECT_FALSE(removeRecordFile(m_fs, locked));
-  EXPECT_TRUE(log.contains("remove file failed [" + name + "]"));
   EXPECT_EQ(total(), 3u);
   ASSERT_TRUE(removeRecordFile(m_fs, unlocked));  // an unlocked file never counted
   EXPECT_EQ(total(), 3u);
   locked.endTime = 0;  // open and locked: cannot be named
   EXPECT_FALSE(removeRecordFile(m_fs, locked));
-  EXPECT_TRUE(log.contains("generateRecordFileName failed"));
 }
 
 // ---------------------------------------------------------------- locks
@@ -209,14 +175,7 @@ class LockStreamTest : public ::testing::Test {
       if (f.beginTime == T + i * kHalfHour) fs().removeFile(ZarnTest::recordPath(f));
     RecordFileName n{.streamId = kSid, .beginTime = T + i * kHalfHour, .endTime = T + (i + 1) * kHalfHour - 1,
                      .type = 1, .lockCount = locks, .indexState = state};
-    if (!fs().getBucket("media_5").isValid()) {
-      ASSERT_TRUE(fs().createBucket("media_5"));
-    }
-    std::unique_ptr<CFile> file = fs().createFile(ZarnTest::recordPath(n), 1, 0);
-    ASSERT_TRUE(file);
-    const std::vector<uint8_t> bytes((megabytes << 20) + 100, 0x5A);
-    ASSERT_EQ(file->write(bytes.data(), static_cast<uint32_t>(bytes.size())), static_cast<int64_t>(bytes.size()));
-    ASSERT_TRUE(file->close());
+    ZarnTest::putFile(fs(), ZarnTest::recordPath(n), std::vector<uint8_t>((megabytes << 20) + 100, 0x5A));
   }
   // The lock counts of stream 5's files, in time order.
   std::vector<uint16_t> locks() {
@@ -314,7 +273,6 @@ TEST_F(LockStreamTest, FilesThatCannotBeLockedFollowThePartialAndAllOrNothingRul
 }
 
 TEST_F(LockStreamTest, BadRangesAndABrokenLedgerAreRefusedWithoutDrift) {
-  ZarnTest::LogCapture log(Velto::Kandu::LOG_WARN);
   unsigned char left = 0;
   EXPECT_EQ(lock(kEnd, T), -3);  // ends before it begins
   EXPECT_EQ(m_client.unlockStream(kSid, kEnd, T, left, false), -1);
@@ -339,7 +297,6 @@ TEST_F(LockStreamTest, BadRangesAndABrokenLedgerAreRefusedWithoutDrift) {
   ASSERT_TRUE(fs().removeFile("media_system/lockSize_garbage.temp"));
   EXPECT_EQ(lock(T, kEnd), -3);
   EXPECT_EQ(locks(), (std::vector<uint16_t>{1, 0, 0}));
-  EXPECT_TRUE(log.contains("getLockRatio failed"));
 }
 
 TEST_F(LockStreamTest, ClipsJoinIntoRangesAndAFailingRangeUndoesTheOnesBefore) {

@@ -89,13 +89,11 @@ TEST(ClipRules, SplitKeepsTailUntilFlushAndClampsOneSide) {
   splitClip(clip, T - 10, T + 3500, out, 3600, false, true);
   EXPECT_EQ(spans(out), (Spans{{0, 3500}}));
 
-  // All ones means thirty days, and says so.
-  ZarnTest::LogCapture log(Velto::Kandu::LOG_ERROR);
+  // All ones means thirty days.
   out.clear();
   clip = toRecordClip(closedFile(T, T + 40 * kDay));
   splitClip(clip, T, T + 50 * kDay, out, 4294967295u, false, true);
   EXPECT_EQ(spans(out), (Spans{{0, 30 * kDay}, {30 * kDay, 40 * kDay}}));
-  EXPECT_TRUE(log.contains("durationPerClip is -1, convert to 30 days avoid overflow."));
 }
 
 class RecordQueryTest : public ::testing::Test {
@@ -249,6 +247,7 @@ TEST_F(RecordQueryTest, StatusBitmapMarksIntervalByBeginPlusOne) {
   EXPECT_EQ(status(T, T + 3600, 9), (std::vector<bool>{false, true, false, false, false, false}));
   std::vector<bool> bits;
   EXPECT_EQ(queryRecordStatus(m_env, m_fs, 9, T, T + 3600, bits, 0), -1);
+  EXPECT_EQ(queryRecordStatus(m_env, m_fs, 9, T + 3600, T, bits, 600), -1);  // a range that ends before it begins
 }
 
 TEST_F(RecordQueryTest, LiveFileEndsAtTheWriterOrTheEstimate) {
@@ -285,11 +284,7 @@ TEST_F(RecordQueryTest, AbandonedFileIsRenamedOnlyThirtySecondsAfterItsEnd) {
   const RecordFileName renamed = closedFile(T, T + 1800, 1, 0, RECORD_INDEX_MISSING);
 
   setNow(T + 1829);
-  {
-    ZarnTest::LogCapture log(Velto::Kandu::LOG_WARN);
-    EXPECT_EQ(spans(files(T, T + kDay)), (Spans{{0, 1800}, {1800, 2400}}));  // bounded by the next file's begin
-    EXPECT_TRUE(log.contains("not enough time for write(sdk) to update fileName"));
-  }
+  EXPECT_EQ(spans(files(T, T + kDay)), (Spans{{0, 1800}, {1800, 2400}}));  // bounded by the next file's begin
   EXPECT_TRUE(exists(stale));
   EXPECT_FALSE(exists(renamed));
 
@@ -305,9 +300,7 @@ TEST_F(RecordQueryTest, OpenFileBeforeAnotherIsNotRenamedWhileWritten) {
   const RecordFileName writing = openFile(T);
   std::unique_ptr<CFile> handle = add(writing, 0, true);
   add(closedFile(T + 1800, T + 2400));
-  ZarnTest::LogCapture log(Velto::Kandu::LOG_WARN);
   EXPECT_EQ(spans(files(T, T + kDay)), (Spans{{0, 1800}, {1800, 2400}}));
-  EXPECT_TRUE(log.contains("Not last file & writing ..."));
   EXPECT_TRUE(exists(writing));
 }
 

@@ -25,7 +25,6 @@
 #include "WritingFiles.h"
 
 using namespace Velto::Zarn;
-using ZarnTest::LogCapture;
 using ZarnTest::waitFor;
 
 namespace {
@@ -151,24 +150,12 @@ class StreamReaderTest : public ::testing::Test {
   // `limit` frames. Results other than a frame or "not ready" end the read and
   // are left in m_last; m_ended tells whether the read met the session's end.
   Frames readAll(int session, bool keyOnly, bool reverse, size_t limit = 100000) {
+    const ZarnTest::SessionFrames read = ZarnTest::readSession(m_client, session, keyOnly, reverse, limit);
+    m_last = read.last;
+    m_ended = read.last == 0;
     Frames out;
-    m_last = 0;
-    m_ended = false;
-    VeltoFrame frame;  // one buffer for the whole read, as a host keeps it
-    while (out.size() < limit) {
-      unsigned long long length = 0;
-      int r = -2;
-      const bool ready = waitFor([&] { return (r = m_client.readFrame(session, &frame, length, keyOnly, reverse)) != -2; },
-                                 10000);
-      if (!ready || r != 0 || length == 0) {
-        m_last = ready ? r : -2;
-        m_ended = ready && r == 0 && length == 0;
-        return out;
-      }
-      EXPECT_EQ(length, frame.head.length);
-      out.push_back(Frame{std::vector<uint8_t>(frame.frame, frame.frame + length), frameTime(frame.frame),
-                          isKeyFrame(frame.head)});
-    }
+    for (const auto& b : read.frames)
+      out.push_back(Frame{b, frameTime(b.data()), isKeyFrame(*reinterpret_cast<const VeltoFrameHead*>(b.data()))});
     return out;
   }
 
@@ -282,15 +269,12 @@ TEST_F(StreamReaderTest, AFileWithoutIndexRefusesReverseAndPlaysForwardByTime) {
   noIndex.indexState = RECORD_INDEX_MISSING;
   ASSERT_TRUE(recordFileRename(store(), ZarnTest::recordPath(f[1]), noIndex));
 
-  LogCapture log;
   VeltoFrame frame;
   unsigned long long length = 0;
   {
     // No key frame handed out yet: no reverse order at all.
     const int session = m_client.addSession(6, m_t0, m_t0 + 199, false);
     EXPECT_EQ(m_client.readFrame(session, &frame, length, false, true), -3);
-    EXPECT_TRUE(log.contains("Miss index, can't change read order to ReverseOnIndex."));
-    EXPECT_TRUE(log.contains("read order change failed. return fault"));
     m_client.deleteSession(session);
   }
   // Forward from the middle of the file without index: positioned by time,
@@ -312,8 +296,6 @@ TEST_F(StreamReaderTest, AFileWithoutIndexRefusesReverseAndPlaysForwardByTime) {
   ASSERT_EQ(got.size(), 1u);
   ASSERT_LE(got[0].time, noIndex.endTime);
   EXPECT_TRUE(waitFor([&] { return m_client.readFrame(session, &frame, length, false, true) == -3; }));
-  EXPECT_TRUE(log.contains("Miss Index can't play reverse on index."));
-  EXPECT_TRUE(log.contains("Session was fault. return fault."));
   m_client.deleteSession(session);
 }
 
@@ -414,16 +396,12 @@ TEST_F(StreamReaderTest, ReadAheadStopsAtFiftyForwardAndEightOtherwise) {
     EXPECT_LE(std::max(most, reader->bufferedFramesForTest()), limit);
     EXPECT_GE(reader->bufferedFramesForTest() + 1, limit);
   }
-  std::weak_ptr<CStreamReader> weak = reader;
   reader->deleteSession(reader);
-  reader.reset();
-  EXPECT_TRUE(waitFor([&] { return weak.expired(); }, 10000));
 }
 
 TEST_F(StreamReaderTest, SessionsDeletedWhileTheirWorkersRunAreReleased) {
   record(12);
   std::shared_ptr<CZarnFileSystem> fs(m_client.storeForTest(), [](CZarnFileSystem*) {});
-  LogCapture log(Velto::Kandu::LOG_INFO);
   std::vector<std::weak_ptr<CStreamReader>> released;
   for (int i = 0; i < 20; ++i) {
     auto reader = std::make_shared<CStreamReader>(fs, 12, m_t0, m_t0 + 199, i % 2 == 0, ZarnTest::readerEnv());
@@ -437,7 +415,6 @@ TEST_F(StreamReaderTest, SessionsDeletedWhileTheirWorkersRunAreReleased) {
     reader.reset();
   }
   for (auto& weak : released) EXPECT_TRUE(waitFor([&] { return weak.expired(); }, 10000));
-  EXPECT_EQ(log.count("Deleted. StreamID:12"), 20u);
 }
 
 TEST_F(StreamReaderTest, RegistryOperationsOnSessions) {
@@ -447,14 +424,11 @@ TEST_F(StreamReaderTest, RegistryOperationsOnSessions) {
   EXPECT_EQ(m_client.addSession(99, m_t0, m_t0 + 9, true), 2);
   EXPECT_EQ(m_client.addSession(13, m_t0, m_t0 + 9, false), 3);
 
-  LogCapture log;
   VeltoFrame frame;
   unsigned long long length = 0;
   EXPECT_EQ(m_client.readFrame(77, &frame, length, false, false), -5);
-  EXPECT_TRUE(log.contains("session(77) not find. Pls addSession first!"));
   EXPECT_EQ(m_client.seek(77, m_t0), -5);
   EXPECT_EQ(m_client.deleteSession(77), -1);
-  EXPECT_TRUE(log.contains("session(77) not find"));
 
   // A session over a stream that has no record: a fault, not a hang.
   EXPECT_TRUE(waitFor([&] { return m_client.readFrame(2, &frame, length, false, false) == -3; }));
@@ -477,13 +451,7 @@ class StreamReaderStoreTest : public StreamReaderTest, public testing::WithParam
 #ifndef ZARN_WITH_CEPH
       GTEST_SKIP() << "this build has no Ceph backend";
 #endif
-      const char* base = std::getenv("ZARN_TEST_CEPH_ADDRESS");
-      if (base == nullptr || *base == '\0') {
-        GTEST_SKIP() << "no Ceph cluster configured: start one with scripts/ceph-cluster-start.sh DIR and source "
-                        "DIR/zarn-test.env";
-      }
-      m_root = std::string(base) + "/reader-" + std::to_string(::getpid()) + "-" +
-               std::to_string(Velto::Kandu::monotonicUs());
+      if ((m_root = ZarnTest::clusterRoot("reader")).empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
     }
     StreamReaderTest::SetUp();
   }
@@ -528,11 +496,9 @@ TEST_P(StreamReaderStoreTest, AFileStillBeingWrittenIsFollowedPastItsPaddingUnti
   VeltoFrame frame;
   unsigned long long length = 0;
   EXPECT_EQ(m_client.readFrame(async, &frame, length, false, false), -2);
-  LogCapture log;
   const uint64_t start = Velto::Kandu::monotonicMs();
   EXPECT_EQ(m_client.readFrame(blocking, &frame, length, false, false), -2);
   EXPECT_GE(Velto::Kandu::monotonicMs() - start, 990u);
-  EXPECT_TRUE(log.contains("Block Read Timeout, return not ready."));
   EXPECT_EQ(m_client.readFrame(async, &frame, length, false, false), -2);  // its worker had that second too
 
   const size_t before = recorded.size();

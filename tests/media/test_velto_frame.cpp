@@ -98,14 +98,6 @@ TEST(FrameHead, ChecksumMagicAndLength) {
   EXPECT_FALSE(checkFrameHead(f.data()));
   CMediaValues::instance().maxFrameSize.store(101);
   EXPECT_TRUE(checkFrameHead(f.data()));
-
-  // The loud variant says why on standard output.
-  f[23] = 'A';
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(checkFrameHeadLoud(f.data(), 100));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("Invalid frame head, check sum: A == ") +
-                                                        static_cast<char>(frameHeadChecksum(f.data())) +
-                                                        " && frame len 100 < 100");
 }
 
 TEST(FrameTail, MagicOnlyAndRecordsTooShortForATail) {
@@ -265,12 +257,4 @@ TEST(VeltoFrameRecord, CopyToBufferKeepsOneBuffer) {
   ASSERT_TRUE(out.copyToBuffer(srcB, 1024));
   EXPECT_EQ(out.frame, host.data());
   EXPECT_EQ(Bytes(host.begin(), host.begin() + b.size()), b);
-
-  MaxFrameSizeGuard guard;  // the process maximum sizes the first buffer
-  VeltoFrame sized;
-  CMediaValues::instance().maxFrameSize.store(static_cast<int32_t>(b.size()) - 1);
-  EXPECT_FALSE(copyFrameToBuffer(sized, srcB));
-  CMediaValues::instance().maxFrameSize.store(static_cast<int32_t>(b.size()));
-  ASSERT_TRUE(copyFrameToBuffer(sized, srcB));
-  EXPECT_EQ(sized.bufferSize, b.size());
 }

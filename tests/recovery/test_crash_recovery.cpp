@@ -85,13 +85,8 @@ class CrashRecoveryTest : public ::testing::TestWithParam<Store> {
     m_seed = seed ? static_cast<uint32_t>(std::strtoul(seed, nullptr, 10)) : std::random_device{}();
     const char* rounds = std::getenv("ZARN_CRASH_ROUNDS");
     m_rounds = rounds ? static_cast<uint32_t>(std::strtoul(rounds, nullptr, 10)) : (GetParam().cluster ? 4 : 20);
-    if (GetParam().cluster) {
-      if (ZarnTest::env("ZARN_TEST_CEPH_ADDRESS").empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
-      m_address = ZarnTest::env("ZARN_TEST_CEPH_ADDRESS") + "/crash-" + std::to_string(::getpid()) + "-" +
-                  std::to_string(Velto::Kandu::monotonicUs());
-    } else {
-      m_address = m_dir.sub("store");
-    }
+    m_address = GetParam().cluster ? ZarnTest::clusterRoot("crash") : m_dir.sub("store");
+    if (m_address.empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
     ASSERT_EQ(m_client.initialize(Config{m_address.c_str(), 0, "root", ""}, nullptr), 0);
     if (GetParam().cluster) {
       // libcephfs keeps written bytes in the writing process until it flushes
@@ -126,35 +121,14 @@ class CrashRecoveryTest : public ::testing::TestWithParam<Store> {
   Round runAndKill(uint32_t first, std::mt19937& random) {
     Round round{first, static_cast<int64_t>(first) - 1};
     const std::string state = m_dir.sub("state-" + std::to_string(first));
-    int out[2];
-    if (::pipe(out) != 0) {
-      ADD_FAILURE() << "pipe";
-      return round;
-    }
-    // Built before the fork: the child of a threaded process only execs.
-    std::vector<std::string> args = {ZARN_CRASH_RECORDER, m_address, std::to_string(kStream),
-                                     GetParam().sync ? "sync" : "async", state, std::to_string(m_seed),
-                                     std::to_string(first), std::to_string(m_base)};
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      ::dup2(out[1], STDOUT_FILENO);
-      ::close(out[0]);
-      ::close(out[1]);
-      ::execv(ZARN_CRASH_RECORDER, argv.data());
-      ::_exit(127);
-    }
-    ::close(out[1]);
-    FILE* in = ::fdopen(out[0], "r");
-    char line[128] = {};
-    const bool ready = std::fgets(line, sizeof(line), in) != nullptr && std::strncmp(line, "ready ", 6) == 0;
+    ZarnTest::CChildProcess recorder({ZARN_CRASH_RECORDER, m_address, std::to_string(kStream),
+                                      GetParam().sync ? "sync" : "async", state, std::to_string(m_seed),
+                                      std::to_string(first), std::to_string(m_base)},
+                                     -1, 60000);
+    const std::string line = recorder.answer();
+    const bool ready = line.rfind("ready ", 0) == 0;
     if (ready) std::this_thread::sleep_for(std::chrono::milliseconds(10 + random() % 391));
-    ::kill(pid, SIGKILL);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    std::fclose(in);
+    const int status = recorder.kill();
     EXPECT_TRUE(ready) << "recorder did not start: " << line;
     // Anything but our SIGKILL (a write fault, a crash) is a failure itself.
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "recorder status " << status;
@@ -162,7 +136,7 @@ class CrashRecoveryTest : public ::testing::TestWithParam<Store> {
       // The cluster keeps a vanished client's session, and the caps on the
       // file it was writing, until the session times out; an operator evicts.
       const std::string evict = "bash '" ZARN_SCRIPTS_DIR "/ceph-cluster-daemon.sh' '" +
-                                ZarnTest::env("ZARN_TEST_CEPH_DIR") + "' evict " + std::string(line + 6, std::strcspn(line + 6, "\n")) +
+                                ZarnTest::env("ZARN_TEST_CEPH_DIR") + "' evict " + line.substr(6) +
                                 " >/dev/null";
       EXPECT_EQ(std::system(evict.c_str()), 0) << evict;
     }
@@ -178,29 +152,19 @@ class CrashRecoveryTest : public ::testing::TestWithParam<Store> {
   // ends in a fault (-3) at a file without a usable index; `faulted` tells,
   // where the caller allows it.
   std::vector<std::vector<uint8_t>> play(uint32_t end, bool keyOnly, bool reverse, bool* faulted = nullptr) {
-    std::vector<std::vector<uint8_t>> out;
     const int session = m_client.addSession(kStream, m_base, end, true);
     EXPECT_GT(session, 0);
     if (reverse) {
       EXPECT_EQ(m_client.seek(session, end), 0);
     }
-    VeltoFrame frame;
-    for (;;) {
-      unsigned long long length = 0;
-      int r = -2;
-      const bool got =
-          ZarnTest::waitFor([&] { return (r = m_client.readFrame(session, &frame, length, keyOnly, reverse)) != -2; },
-                            10000);
-      if (got && r == -3 && faulted != nullptr) {
-        *faulted = true;
-        break;
-      }
-      EXPECT_TRUE(got && r == 0) << "readFrame " << r << " after " << out.size() << " frames";
-      if (!got || r != 0 || length == 0) break;
-      out.emplace_back(frame.frame, frame.frame + length);
+    ZarnTest::SessionFrames read = ZarnTest::readSession(m_client, session, keyOnly, reverse);
+    if (faulted != nullptr && read.last == -3) {
+      *faulted = true;
+    } else {
+      EXPECT_EQ(read.last, 0) << "readFrame after " << read.frames.size() << " frames";
     }
     EXPECT_EQ(m_client.deleteSession(session), 0);
-    return out;
+    return read.frames;
   }
 
   void checkReverse(uint32_t end, const Frames& keyOnly, const Frames& forward, const std::set<uint32_t>& indexed);

@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -7,6 +8,10 @@
 #include <memory>
 #include <cstring>
 #include <thread>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -19,6 +24,8 @@
 #endif
 #include "MediaContext.h"
 #include "VeltoFrame.h"
+
+extern char** environ;
 
 namespace ZarnTest {
 
@@ -159,6 +166,15 @@ std::vector<Velto::Zarn::RecordFileName> listRecords(Velto::Zarn::CZarnFileSyste
   return out;
 }
 
+std::string clusterRoot(const std::string& tag) {
+  static std::atomic<int> tests{0};
+  std::string root = env("ZARN_TEST_CEPH_ADDRESS");
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  if (root.empty()) return root;
+  return root + "/" + tag + "-" + std::to_string(::getpid()) + "-" + std::to_string(Velto::Kandu::monotonicUs()) + "-" +
+         std::to_string(tests++);
+}
+
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!condition()) {
@@ -174,6 +190,93 @@ Velto::Zarn::EngineEnv writerEnv(const Velto::Kandu::IClock& clock) {
 
 Velto::Zarn::EngineEnv readerEnv(const Velto::Kandu::IClock& clock) {
   return Velto::Zarn::CMediaContext::instance().readerEnv(clock);
+}
+
+SessionFrames readSession(Velto::Zarn::CMediaClientInternal& client, int session, bool keyOnly, bool reverse,
+                          size_t limit, bool hostBuffer) {
+  SessionFrames out;
+  Velto::Zarn::VeltoFrame frame;
+  if (hostBuffer) {
+    const std::vector<uint8_t> seed = makeFrame(Velto::Zarn::FRAME_TYPE_I, 0, 0, 1767225600, 0);
+    Velto::Zarn::VeltoFrame source;
+    source.attach(seed.data());
+    EXPECT_TRUE(frame.copyToBuffer(source, 1u << 20));
+  }
+  for (out.last = 1; out.frames.size() < limit;) {
+    unsigned long long length = 0;
+    int r = -2;
+    waitFor([&] { return (r = client.readFrame(session, &frame, length, keyOnly, reverse)) != -2; }, 10000);
+    if (r != 0 || length == 0) {
+      out.last = r;
+      break;
+    }
+    EXPECT_EQ(length, frame.head.length);
+    out.frames.emplace_back(frame.frame, frame.frame + length);
+  }
+  return out;
+}
+
+std::vector<uint32_t> playSequences(Velto::Zarn::CMediaClientInternal& client, uint32_t sid, uint32_t b, uint32_t e,
+                                    bool keyOnly, bool reverse) {
+  const int session = client.addSession(sid, b, e, true);
+  const SessionFrames read = readSession(client, session, keyOnly, reverse, 10000, true);
+  EXPECT_EQ(read.last, 0) << "the session did not end: " << read.frames.size() << " frames";
+  client.deleteSession(session);
+  std::vector<uint32_t> seqs;
+  for (const auto& f : read.frames) {
+    seqs.push_back(reinterpret_cast<const Velto::Zarn::VeltoFrameHead*>(f.data())->sequence);
+  }
+  return seqs;
+}
+
+CChildProcess::CChildProcess(const std::vector<std::string>& argv, int fd3, unsigned answerMs) : m_answerMs(answerMs) {
+  int fds[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return;
+  std::vector<char*> args;  // built before the spawn: the child of a threaded process only execs
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+  // fd3 is not 3 itself, so dup2 really runs and the copy loses close-on-exec.
+  if (fd3 >= 0) posix_spawn_file_actions_adddup2(&actions, fd3, 3);
+  if (::posix_spawn(&m_pid, args[0], &actions, nullptr, args.data(), environ) != 0) m_pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(fds[1]);
+  m_socket = fds[0];
+  const timeval silence{static_cast<time_t>(answerMs / 1000), static_cast<suseconds_t>(answerMs % 1000 * 1000)};
+  ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &silence, sizeof silence);
+}
+
+void CChildProcess::send(const std::string& line) {
+  (void)::send(m_socket, (line + "\n").data(), line.size() + 1, MSG_NOSIGNAL);
+}
+
+std::string CChildProcess::answer() {
+  std::string line;
+  for (char c = 0; ::recv(m_socket, &c, 1, 0) == 1; line += c) {
+    if (c == '\n') return line;
+  }
+  return "<no answer>";
+}
+
+int CChildProcess::kill() {
+  if (m_pid >= 0) ::kill(m_pid, SIGKILL);
+  stop();
+  return m_status;
+}
+
+int CChildProcess::stop() {
+  if (m_socket >= 0) ::shutdown(m_socket, SHUT_WR);
+  if (m_pid >= 0 && !waitFor([&] { return ::waitpid(m_pid, &m_status, WNOHANG) != 0; }, 3 * m_answerMs)) {
+    ::kill(m_pid, SIGKILL);
+    ::waitpid(m_pid, &m_status, 0);
+    m_status = -1;
+  }
+  if (m_socket >= 0) ::close(m_socket);
+  m_pid = m_socket = -1;
+  return m_status != -1 && WIFEXITED(m_status) ? WEXITSTATUS(m_status) : -1;
 }
 
 bool initializePeerClient(Velto::Zarn::CMediaClientInternal& client, const std::string& address, uint64_t& clientId) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "EngineEnv.h"
@@ -104,8 +105,66 @@ inline std::string env(const char* name) {
 inline const char* const kNoCluster =
     "no Ceph cluster configured: start one with scripts/ceph-cluster-start.sh DIR and source DIR/zarn-test.env";
 
+// A store root of one test's own below ZARN_TEST_CEPH_ADDRESS ("ADDRESS/TAG-PID-US-N");
+// "" when no cluster is configured (the caller then skips with kNoCluster).
+std::string clusterRoot(const std::string& tag);
+
 // Polls `condition` every 2 ms until it holds or timeoutMs passes.
 bool waitFor(const std::function<bool()>& condition, unsigned timeoutMs = 5000);
+
+// What a host's reads of one playback session gave: the frames, and the result
+// that ended the reads (0: the session's end; -2: "not ready" for 10 s; 1: the
+// limit of frames reached; else the failing result).
+struct SessionFrames {
+  std::vector<std::vector<uint8_t>> frames;
+  int last = 0;
+};
+
+// Reads `session` through `client` until its end (result 0 with length 0),
+// another result, or `limit` frames; a read answered "not ready" (-2) is tried
+// again for up to 10 s. The frames go into one record, as a host keeps it; with
+// `hostBuffer` the record first gets a buffer of 1 MiB of the host's own.
+SessionFrames readSession(Velto::Zarn::CMediaClientInternal& client, int session, bool keyOnly, bool reverse,
+                          size_t limit = 100000, bool hostBuffer = false);
+
+// Plays [b, e] of stream `sid` in one order into a host buffer: the sequence
+// numbers read. The session must end within 10000 frames, no read waiting more
+// than 10 s: a reader that loops or stalls fails here.
+std::vector<uint32_t> playSequences(Velto::Zarn::CMediaClientInternal& client, uint32_t sid, uint32_t b, uint32_t e,
+                                    bool keyOnly, bool reverse);
+
+// A child process (argv[0] with `argv`) whose standard input and output are one
+// socket: lines go to it and come back. With `fd3` >= 0 that descriptor becomes
+// its descriptor 3 (every other descriptor a suite opens is close-on-exec). It
+// is ended, killed when it overstays, when the object goes.
+class CChildProcess {
+ public:
+  explicit CChildProcess(const std::vector<std::string>& argv, int fd3 = -1, unsigned answerMs = 15000);
+  ~CChildProcess() { stop(); }
+  CChildProcess(const CChildProcess&) = delete;
+  CChildProcess& operator=(const CChildProcess&) = delete;
+
+  bool running() const { return m_pid >= 0; }
+  // A line is short: the socket takes it whole. A child that is gone shows in answer().
+  void send(const std::string& line);
+  // The next line it wrote, without the break; "<no answer>" when it is gone or silent for answerMs.
+  std::string answer();
+  std::string ask(const std::string& line) {
+    send(line);
+    return answer();
+  }
+  // SIGKILL: it gets no chance to close anything. Its wait status.
+  int kill();
+  // Ends its input and waits for it to exit (it is killed after 3 * answerMs):
+  // its exit code, -1 when it did not exit normally.
+  int stop();
+
+ private:
+  pid_t m_pid = -1;
+  int m_socket = -1;
+  int m_status = -1;
+  unsigned m_answerMs;
+};
 
 // For a child process of a test: initialises `client` on the store at
 // `address` through a backend made here, so that the store's id of this

@@ -19,11 +19,8 @@ int daemonCommand(const std::string& verb) {
 }
 
 TEST(CephHealth, ALostMonitorTurnsTheStateToFailedAndItsReturnBackToNormal) {
-  if (ZarnTest::env("ZARN_TEST_CEPH_ADDRESS").empty() || ZarnTest::env("ZARN_TEST_CEPH_DIR").empty()) {
-    GTEST_SKIP() << ZarnTest::kNoCluster;
-  }
-  const std::string address =
-      ZarnTest::env("ZARN_TEST_CEPH_ADDRESS") + "/health-" + std::to_string(Velto::Kandu::monotonicUs());
+  const std::string address = ZarnTest::clusterRoot("health");
+  if (address.empty() || ZarnTest::env("ZARN_TEST_CEPH_DIR").empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
   CZarnFileSystem fs;
   int32_t period = 300;
   ASSERT_TRUE(fs.setOption(ZARN_OPT_HEALTH_PERIOD_MS, &period, sizeof period));

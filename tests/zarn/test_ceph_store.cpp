@@ -51,10 +51,7 @@ TEST(CephAddress, CheckedBeforeAnyConnectionAndAnUnreachableMonitorIsNamed) {
 class CephStore : public ::testing::Test {
  protected:
   void SetUp() override {
-    static std::atomic<int> counter{0};
-    if (ZarnTest::env("ZARN_TEST_CEPH_ADDRESS").empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
-    m_address = ZarnTest::env("ZARN_TEST_CEPH_ADDRESS") + "/ceph-" + std::to_string(::getpid()) + "-" +
-                std::to_string(Velto::Kandu::monotonicUs()) + "-" + std::to_string(counter++);
+    if ((m_address = ZarnTest::clusterRoot("ceph")).empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
     std::shared_ptr<IStoreBackend> backend;
     std::string reason;
     int rc = makeStoreBackend(m_address, backend, &reason);

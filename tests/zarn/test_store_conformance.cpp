@@ -9,15 +9,11 @@
 //
 // The Ceph case runs against the cluster scripts/ceph-cluster-start.sh describes
 // in its zarn-test.env:
-//   ZARN_TEST_CEPH_ADDRESS  ceph://host:port/root; each test gets root/t<pid>-<n>
+//   ZARN_TEST_CEPH_ADDRESS  ceph://host:port/root; each test gets a root of its own below it
 //   ZARN_CEPH_CONF          read by the backend itself (peers inherit it)
 //   ZARN_TEST_CEPH_DIR      the cluster directory, for evicting a killed peer
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -30,8 +26,6 @@
 #include "StoreCommands.h"
 #include "StoreTestKit.h"
 #include "TestSupport.h"
-
-extern char** environ;
 
 using namespace Velto::Zarn;
 using ZarnTest::err;
@@ -67,83 +61,12 @@ const BackendCase kBackends[] = {
     {.name = "Ceph", .cluster = true, .usageLagMs = 90000, .pruneCycles = 100, .listingStride = 23},
 };
 
-// One zarn_store_peer process and the socket it reads commands from and answers on.
-class CPeerProcess {
- public:
-  // Starts the peer on `address` with `gate` as its kPeerGateFd; it answers "ok"
-  // once connected. Every other descriptor this suite opens is close-on-exec.
-  CPeerProcess(const std::string& address, int gate) {
-    int fds[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    // The gate is not kPeerGateFd itself, so dup2 really runs and the copy loses close-on-exec.
-    posix_spawn_file_actions_adddup2(&actions, gate, kPeerGateFd);
-    char* argv[] = {const_cast<char*>(ZARN_STORE_PEER), const_cast<char*>(address.c_str()), nullptr};
-    if (::posix_spawn(&m_pid, argv[0], &actions, nullptr, argv, environ) != 0) m_pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    m_socket = fds[0];
-    const timeval silence{kAnswerMs / 1000, 0};
-    ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &silence, sizeof silence);
-  }
-  ~CPeerProcess() { stop(); }
-  CPeerProcess(const CPeerProcess&) = delete;
-  CPeerProcess& operator=(const CPeerProcess&) = delete;
-
-  bool running() const { return m_pid >= 0; }
-  // A command line is short: the socket takes it whole. A peer that is gone shows in answer().
-  void send(const std::string& line) { (void)::send(m_socket, (line + "\n").data(), line.size() + 1, MSG_NOSIGNAL); }
-
-  // The next answer line; "<no answer>" when the peer is gone or silent for kAnswerMs.
-  std::string answer() {
-    std::string line;
-    for (char c = 0; ::recv(m_socket, &c, 1, 0) == 1; line += c) {
-      if (c == '\n') return line;
-    }
-    return "<no answer>";
-  }
-
-  std::string ask(const std::string& line) {
-    send(line);
-    return answer();
-  }
-
-  // SIGKILL: the peer gets no chance to close anything.
-  void kill() {
-    if (m_pid >= 0) ::kill(m_pid, SIGKILL);
-    stop();
-  }
-
-  // Ends the peer's input and waits for it to close its files and connection (an
-  // unmount may take a store time-out): its exit code, -1 when it did not exit
-  // normally (it is killed when it overstays).
-  int stop() {
-    int status = -1;
-    if (m_socket >= 0) ::shutdown(m_socket, SHUT_WR);
-    if (m_pid >= 0 && !ZarnTest::waitFor([&] { return ::waitpid(m_pid, &status, WNOHANG) != 0; }, 3 * kAnswerMs)) {
-      ::kill(m_pid, SIGKILL);
-      ::waitpid(m_pid, nullptr, 0);
-      status = -1;
-    }
-    if (m_socket >= 0) ::close(m_socket);
-    m_pid = m_socket = -1;
-    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t m_pid = -1;
-  int m_socket = -1;
-};
-
 class StoreConformance : public ::testing::TestWithParam<BackendCase> {
  protected:
   // The gate parks peers and releases them at one moment: each peer blocked in
   // "wait" takes one byte of this pipe, and one write hands out a byte to every
   // one of them. This process keeps the read end too, so writing never raises
-  // SIGPIPE. The read end is never kPeerGateFd: see CPeerProcess.
+  // SIGPIPE. The read end is never kPeerGateFd, so that the spawn's dup2 clears close-on-exec.
   StoreConformance() {
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) return;
@@ -166,13 +89,7 @@ class StoreConformance : public ::testing::TestWithParam<BackendCase> {
   void SetUp() override {
     const BackendCase& c = GetParam();
     m_address = m_dir.sub("store");
-    if (c.cluster) {
-      static std::atomic<int> tests{0};
-      std::string root = ZarnTest::env("ZARN_TEST_CEPH_ADDRESS");
-      if (root.empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
-      while (root.size() > 1 && root.back() == '/') root.pop_back();
-      m_address = root + "/t" + std::to_string(::getpid()) + "-" + std::to_string(tests++);
-    }
+    if (c.cluster && (m_address = ZarnTest::clusterRoot("t")).empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
     std::shared_ptr<IStoreBackend> backend;
     std::string reason;
     int rc = makeStoreBackend(m_address, backend, &reason);
@@ -199,7 +116,10 @@ class StoreConformance : public ::testing::TestWithParam<BackendCase> {
   // waits until each is connected (they connect in parallel).
   bool startPeers(size_t count) {
     const size_t first = m_peers.size();
-    for (size_t i = 0; i < count; ++i) m_peers.push_back(std::make_unique<CPeerProcess>(m_address, m_gateRead));
+    for (size_t i = 0; i < count; ++i) {
+      m_peers.push_back(std::make_unique<ZarnTest::CChildProcess>(std::vector<std::string>{ZARN_STORE_PEER, m_address},
+                                                                  m_gateRead, kAnswerMs));
+    }
     bool connected = true;
     for (size_t i = first; i < m_peers.size(); ++i) {
       const std::string hello = m_peers[i]->answer();
@@ -287,7 +207,7 @@ class StoreConformance : public ::testing::TestWithParam<BackendCase> {
   CZarnFileSystem m_fs;
   ZarnTest::CStoreCommands m_self{m_fs};  // this process's clients, one per slot
   int m_gateRead = -1, m_gateWrite = -1;
-  std::vector<std::unique_ptr<CPeerProcess>> m_peers;
+  std::vector<std::unique_ptr<ZarnTest::CChildProcess>> m_peers;
 };
 
 TEST_P(StoreConformance, ExclusiveCreateAdmitsExactlyOneCreator) {
