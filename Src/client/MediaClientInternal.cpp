@@ -15,6 +15,7 @@
 #include "MediaContext.h"
 #include "MediaLog.h"
 #include "MediaValues.h"
+#include "PromMetrics.h"
 #include "ZarnNames.h"
 #include "RecordLock.h"
 #include "RecordQuery.h"
@@ -99,6 +100,7 @@ void CMediaClientInternal::applyConfigToStore() {
 }
 
 CMediaClientInternal::~CMediaClientInternal() {
+  CMediaContext::instance().stopStatistics(this);  // its gauges hold the store handle
   // Timers first: their procedures use the store handle, which goes next.
   m_exceptionTimer.stop(true);
   m_fixIndexTimer.stop(true);
@@ -220,6 +222,13 @@ int CMediaClientInternal::initialize(const Config& config, Velto::Kandu::TFuncti
   std::srand(static_cast<unsigned>(std::time(nullptr)));
   m_fixIndexTimer.start(TimerProcedure(this, &CMediaClientInternal::fixIndexTimerProc), kFixIndexDelayMs,
                         kFixIndexPeriodMs);
+  CMediaContext::instance().startStatistics(this, [store = m_fs](StoreGauges& gauges) {
+    SystemInfo info{};
+    gauges.capacityKnown = store->getSystemInfo(info);
+    gauges.totalBytes = info.totalCapacity;
+    gauges.freeBytes = info.freeCapacity;
+    gauges.lockRatio = lockRatio(*store);
+  });
   ZLOG(INFO, "GENERAL", 0, "MediaClient initialize success.\n");
   return 0;
 }
