@@ -15,6 +15,8 @@ int runPolicy(int argc, char** argv);
 int runDelete(int argc, char** argv);
 int runInfo(int argc, char** argv);
 int runRepair(int argc, char** argv);
+int runStats(int argc, char** argv);
+int runTimeline(int argc, char** argv);
 
 // Help text shared by every subcommand's --help.
 extern const char* const kCommonHelp;
