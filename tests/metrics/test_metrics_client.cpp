@@ -1,9 +1,11 @@
 // A client and the metrics file named by the configuration file: the client
 // whose store is initialised hands its store's gauges down to the statistics,
-// and takes them back when it goes.
+// and takes them back when it goes; its writers count streams and bytes.
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -45,6 +47,20 @@ TEST(MetricsOfAClient, TheInitialisedClientsStoreFillsTheGaugesUntilItGoes) {
     SystemInfo info{};
     ASSERT_TRUE(client.getSystemInfo(info));
     EXPECT_TRUE(hasLine(text, "zarn_media_store_capacity_bytes " + std::to_string(info.totalCapacity))) << text;
+
+    // A recording stream and the bytes of its frames.
+    ASSERT_EQ(client.setRecyclePolicy(5, 24, 0), 0);
+    ASSERT_EQ(client.addStream(5, 1, true), 0);
+    const std::vector<uint8_t> bytes =
+        ZarnTest::makeFrame(0xFD, 0, 1, static_cast<uint32_t>(std::time(nullptr)), 1000);
+    VeltoFrame frame;
+    frame.attach(bytes.data());
+    unsigned long long written = 0;
+    ASSERT_EQ(client.writeFrame(5, &frame, 0, written), 0);
+    const std::string recording = tickAndRead();
+    EXPECT_TRUE(hasLine(recording, "zarn_media_stream_writers 1")) << recording;
+    EXPECT_TRUE(hasLine(recording, "zarn_media_stream_bytes_total " + std::to_string(bytes.size()))) << recording;
+    EXPECT_EQ(client.deleteStream(5), 0);
   }
   const std::string text = tickAndRead();
   EXPECT_TRUE(hasLine(text, "zarn_media_store_state{state=\"uninitialized\"} 1")) << text;
