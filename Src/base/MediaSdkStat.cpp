@@ -44,8 +44,7 @@ void CMediaSdkStat::addWriteFailedCount() {
 }
 
 void CMediaSdkStat::addStreamBytes(uint32_t bytes) {
-  Velto::Kandu::CAutoLock lock(m_streamBytesMutex);
-  m_streamBytes += bytes;
+  m_streamBytes.fetch_add(bytes, std::memory_order_relaxed);
 }
 
 void CMediaSdkStat::addIndexRebuildSuccessCount() {
@@ -127,7 +126,7 @@ void CMediaSdkStat::tick() {
   minute.fileSplits = takeCounter(m_fileSplitMutex, m_fileSplitCount);
   minute.fileCloses = takeCounter(m_writeSuccessMutex, m_writeSuccessCount);
   minute.fileCloseFailures = takeCounter(m_writeFailedMutex, m_writeFailedCount);
-  minute.streamBytes = takeCounter(m_streamBytesMutex, m_streamBytes);
+  minute.streamBytes = m_streamBytes.exchange(0, std::memory_order_relaxed);
   minute.indexRebuilds = takeCounter(m_indexRebuildSuccessMutex, m_indexRebuildSuccessCount);
   minute.indexRebuildFailures = takeCounter(m_indexRebuildFailedMutex, m_indexRebuildFailedCount);
   minute.recycledFiles = takeCounter(m_loopOverwriteSuccessMutex, m_loopOverwriteSuccessCount);

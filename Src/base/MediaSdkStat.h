@@ -31,12 +31,14 @@
 // Prometheus text format (PromMetrics.h), again through "<path>.tmp" and a
 // rename. Either file may be set without the other.
 //
-// Threading: each counter has its own mutex, so feeding one never waits for
-// another, and a tick holds each only for its read-and-reset. Ticks (the timer's
+// Threading: each counter has its own mutex (the byte count is atomic), so
+// feeding one never waits for another, and a tick holds each only for its
+// read-and-reset. Ticks (the timer's
 // and tickNow) are serialised by m_tickMutex, which also guards the paths, the
 // document, the totals and the stream counter and gauge provider functions.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -116,7 +118,9 @@ class CMediaSdkStat {
   uint32_t m_fileSplitCount = 0;
   uint32_t m_writeSuccessCount = 0;
   uint32_t m_writeFailedCount = 0;
-  uint64_t m_streamBytes = 0;  // bytes
+  // Bytes of frames written: fed by every writer for every frame, so a lock-free
+  // sum rather than a mutex of its own.
+  std::atomic<uint64_t> m_streamBytes{0};
   uint32_t m_indexRebuildSuccessCount = 0;
   uint32_t m_indexRebuildFailedCount = 0;
   uint32_t m_loopOverwriteSuccessCount = 0;
@@ -126,7 +130,6 @@ class CMediaSdkStat {
   Velto::Kandu::CMutex m_fileSplitMutex;
   Velto::Kandu::CMutex m_writeSuccessMutex;
   Velto::Kandu::CMutex m_writeFailedMutex;
-  Velto::Kandu::CMutex m_streamBytesMutex;
   Velto::Kandu::CMutex m_indexRebuildSuccessMutex;
   Velto::Kandu::CMutex m_indexRebuildFailedMutex;
   Velto::Kandu::CMutex m_loopOverwriteSuccessMutex;
