@@ -55,6 +55,13 @@ endfunction()
 run_help2man(zarn-media "record, query, export and inspect video in a Zarn store" ${OUT}/main.h2m)
 foreach(command IN LISTS commands)
   run_help2man(zarn-media-${command} "${summary_${command}}" ${OUT}/command.h2m "--help-option=${command} --help")
+  # help2man names a page after the program; a command's page is named after the command.
+  set(page ${OUT}/zarn-media-${command}.1)
+  file(READ ${page} text)
+  string(TOUPPER ${command} upper)
+  string(REPLACE ".TH ZARN-MEDIA " ".TH ZARN-MEDIA-${upper} " text "${text}")
+  string(REPLACE "\nzarn-media \\- " "\nzarn-media-${command} \\- " text "${text}")
+  file(WRITE ${page} "${text}")
 endforeach()
 file(REMOVE ${OUT}/main.h2m ${OUT}/command.h2m)
 # Compressed as Debian installs man pages; -n leaves the time out, so that
