@@ -17,6 +17,7 @@
 #include "MediaValues.h"
 #include "PromMetrics.h"
 #include "ZarnNames.h"
+#include "RecordDeletion.h"
 #include "RecordLock.h"
 #include "RecordQuery.h"
 #include "StreamMgr.h"
@@ -33,12 +34,6 @@ using Velto::Kandu::TimerProcedure;
 namespace {
 
 constexpr const char* kProduct = "Zarn-MediaSDK";
-
-// The one answer of operations whose engines this build does not have yet.
-int notAvailable(const char* operation, int result) {
-  ZLOG_IN(ERROR, "GENERAL", operation, result, "%s is not available in this build yet.\n", operation);
-  return result;
-}
 
 std::string timeText(uint32_t seconds) { return CTime(seconds).format("yyyy/MM/dd/HHmmss"); }
 
@@ -70,6 +65,8 @@ void printVersionBanner() {
 
 CMediaClientInternal::CMediaClientInternal(Velto::Kandu::IClock& clock)
     : m_clock(clock),
+      m_cover(std::make_unique<CZarnCyclicCover>(clock, CMediaContext::instance().config(),
+                                                 CMediaContext::instance().stats())),
       m_zarnTimeout(0),
       m_maxLockRatio(57),
       m_antiShakeTimer("Zarn State Anti Shake Timer", clock),
@@ -101,7 +98,8 @@ void CMediaClientInternal::applyConfigToStore() {
 
 CMediaClientInternal::~CMediaClientInternal() {
   CMediaContext::instance().stopStatistics(this);  // its gauges hold the store handle
-  // Timers first: their procedures use the store handle, which goes next.
+  // The cover engine and the timers first: they use the store handle, which goes next.
+  m_cover->stop();
   m_exceptionTimer.stop(true);
   m_fixIndexTimer.stop(true);
   m_antiShakeTimer.stop(true);
@@ -220,6 +218,7 @@ int CMediaClientInternal::initialize(const Config& config, Velto::Kandu::TFuncti
   values.sdkState.store(ZARN_STATE_NORMAL);
   m_localStore.onLoginSDK(&fs);
   std::srand(static_cast<unsigned>(std::time(nullptr)));
+  m_cover->start(&fs, config, m_indexFixer.get());
   m_fixIndexTimer.start(TimerProcedure(this, &CMediaClientInternal::fixIndexTimerProc), kFixIndexDelayMs,
                         kFixIndexPeriodMs);
   CMediaContext::instance().startStatistics(this, [store = m_fs](StoreGauges& gauges) {
@@ -338,12 +337,15 @@ int CMediaClientInternal::queryRecordStatus(unsigned streamId, unsigned beginTim
   return Velto::Zarn::queryRecordStatus(queryEnv(), fs, streamId, beginTime, endTime, status, step);
 }
 
-int CMediaClientInternal::deleteRecordClip(unsigned, unsigned, unsigned) { return notAvailable(__FUNCTION__, -1); }
+int CMediaClientInternal::deleteRecordClip(unsigned streamId, unsigned beginTime, unsigned endTime) {
+  if (!storeReady(__FUNCTION__)) return -1;
+  return Velto::Zarn::deleteRecordClip(queryEnv(), store(), streamId, beginTime, endTime);
+}
 
 int CMediaClientInternal::addStream(unsigned streamId, short type, bool sync) {
   ZLOG(DEBUG, "GENERAL", 0, "addStream: sid = %u, type = %d, sync = %d.\n", streamId, type, sync ? 1 : 0);
   store();
-  if (!m_policies.has(streamId)) {
+  if (!m_cover->hasCoverPolicy(streamId)) {
     uint32_t hours = CMediaContext::instance().config().getRecycleHours();
     if (hours == 0) {
       ZLOG(ERROR, "GENERAL", 0, "addStream(%u) failed because of no cover policy!\n", streamId);
@@ -493,14 +495,13 @@ int CMediaClientInternal::unlockStream(unsigned streamId, unsigned beginTime, un
 
 int CMediaClientInternal::setRecyclePolicy(unsigned streamId, unsigned durationHours, unsigned space) {
   ZLOG(DEBUG, "GENERAL", 0, "setRecyclePolicy streamID:%u durationHours:%u space:%u\n\n", streamId, durationHours, space);
-  m_policies.set(streamId, durationHours, space, CMediaContext::instance().config().getRecycleHours());
-  return 0;
+  return m_cover->setCoverPolicy(streamId, durationHours, space);
 }
 
-int CMediaClientInternal::setRecyclePolicy(const std::string& cameraId, std::list<unsigned>&, unsigned durationHours,
-                                           unsigned space) {
+int CMediaClientInternal::setRecyclePolicy(const std::string& cameraId, std::list<unsigned>& streamIds,
+                                           unsigned durationHours, unsigned space) {
   ZLOG(DEBUG, "GENERAL", 0, "setRecyclePolicy cameraID:%s durationHours:%u space:%u\n\n", cameraId.c_str(), durationHours, space);
-  return notAvailable(__FUNCTION__, -1);
+  return m_cover->setCameraCoverPolicy(cameraId, streamIds, durationHours, space);
 }
 
 int CMediaClientInternal::setUrgentRecycleRatio(unsigned ratio) {
@@ -508,26 +509,31 @@ int CMediaClientInternal::setUrgentRecycleRatio(unsigned ratio) {
   bool present = false;
   CMediaContext::instance().config().getCyclicCoverThresholdRate(present);
   if (present) return 0;  // the configuration file wins
-  return notAvailable(__FUNCTION__, -1);
+  return m_cover->setUrgentRecycleRatio(ratio);
 }
 
 bool CMediaClientInternal::getSystemInfo(SystemInfo& info) { return store().getSystemInfo(info); }
 
 int CMediaClientInternal::setForgottenStorage(unsigned streamId, unsigned durationHours, unsigned space) {
   ZLOG(DEBUG, "GENERAL", 0, "setForgottenStorage streamID:%u durationHours:%u space:%u\n\n", streamId, durationHours, space);
-  return notAvailable(__FUNCTION__, -1);
+  return m_cover->setForgottenStorage(streamId, durationHours, space);
 }
 
 bool CMediaClientInternal::isSupportLocalStore() { return m_localStore.isSupport(); }
 
 bool CMediaClientInternal::discardStream(unsigned streamId, unsigned durationHours, unsigned space) {
   ZLOG(DEBUG, "GENERAL", 0, "discardStream streamID:%u durationHours:%u space:%u\n\n", streamId, durationHours, space);
-  return notAvailable(__FUNCTION__, -1) == 0;
+  return m_cover->discardStream(streamId, durationHours, space);
 }
 
-int CMediaClientInternal::deleteRecord(const std::string& cameraId, std::list<unsigned>&) {
+int CMediaClientInternal::deleteRecord(const std::string& cameraId, std::list<unsigned>& streamIds) {
   ZLOG(INFO, "GENERAL", 0, "start delete record, cameraID:%s\n\n", cameraId.c_str());
-  return notAvailable(__FUNCTION__, -1);
+  m_cover->addDeleteStreams(streamIds);
+  // Twice, as the host has always seen it; the second finds nothing to change.
+  m_cover->setCameraCoverPolicy(cameraId, streamIds, 0, 0);
+  m_cover->setCameraCoverPolicy(cameraId, streamIds, 0, 0);
+  for (unsigned id : streamIds) m_cover->setForgottenStorage(id, 0, 0);
+  return 0;
 }
 
 }  // namespace Velto::Zarn

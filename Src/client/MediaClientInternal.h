@@ -23,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "CoverPolicy.h"
+#include "CyclicCover.h"
 #include "KanduSync.h"
 #include "KanduTimer.h"
 #include "KanduClock.h"
@@ -103,7 +103,8 @@ class CMediaClientInternal : public IZarnListener {
   bool antiShakeTimerRunningForTest() const { return m_antiShakeTimer.isRunning(); }
   bool fixIndexTimerRunningForTest() const { return m_fixIndexTimer.isRunning(); }
   int maxLockRatioForTest() const { return m_maxLockRatio; }
-  bool hasRecyclePolicyForTest(unsigned streamId) const { return m_policies.has(streamId); }
+  bool hasRecyclePolicyForTest(unsigned streamId) const { return m_cover->hasCoverPolicy(streamId); }
+  CZarnCyclicCover& coverForTest() { return *m_cover; }
 
  private:
   void antiShakeTimerProc(Velto::Kandu::CTimer* timer);
@@ -123,6 +124,8 @@ class CMediaClientInternal : public IZarnListener {
   std::shared_ptr<CZarnFileSystem> m_fs;
   // Repairs this client's files that lack a usable index; before m_fs goes.
   std::unique_ptr<CIndexFixerMgr> m_indexFixer;
+  // Recycling; stopped first in the destructor (it uses m_fs and m_indexFixer).
+  std::unique_ptr<CZarnCyclicCover> m_cover;
   std::string m_address;  // the store this client's connection reached (guarded by m_stateMutex)
   int32_t m_zarnTimeout;
   int32_t m_maxLockRatio;                 // percent; read by range locks (under m_lockMutex)
@@ -130,7 +133,6 @@ class CMediaClientInternal : public IZarnListener {
   Velto::Kandu::CMutex m_stateMutex;
   Velto::Kandu::TFunction1<void, ZarnState> m_stateCallback;  // guarded by m_stateMutex
   CLocalStoreMgr m_localStore;
-  CCoverPolicies m_policies;  // the cover engine's policy map until that engine runs passes
   uint32_t m_lastReportedState = 0;       // guarded by m_stateMutex
   // Timers last: destroyed first, so no procedure outlives the members it uses.
   Velto::Kandu::CTimer m_antiShakeTimer;

@@ -10,6 +10,12 @@
 // entirely a random range of whole 30-minute files [BEGIN + a * 1800,
 // BEGIN + b * 1800), 0 <= a < b <= FILES, of a random STREAM, and prints
 // "done N OK": the calls made and how many of them succeeded.
+//
+//   zarn_lock_peer --cover-mutex ADDRESS
+//
+// Connects to ADDRESS, prints "ready ID", and on each line "go" read from stdin
+// tries to take the urgent-recycling mutex file and prints "mutex 1" or
+// "mutex 0"; it holds what it took until stdin ends.
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -18,12 +24,35 @@
 
 #include "KanduLog.h"
 #include "KanduTime.h"
+#include "CoverMutex.h"
 #include "MediaClientInternal.h"
 #include "TestSupport.h"
 
 using namespace Velto::Zarn;
 
+static int coverMutexPeer(const char* address) {
+  CMediaClientInternal client;
+  uint64_t id = 0;
+  if (!ZarnTest::initializePeerClient(client, address, id)) {
+    std::printf("err initialize\n");
+    return 1;
+  }
+  std::printf("ready %llu\n", static_cast<unsigned long long>(id));
+  std::fflush(stdout);
+  CCoverMutex mutex;
+  char line[64];
+  while (std::fgets(line, sizeof line, stdin)) {
+    std::printf("mutex %d\n", mutex.tryEnter(*client.storeForTest()) ? 1 : 0);
+    std::fflush(stdout);
+  }
+  return 0;
+}
+
 int main(int argc, char** argv) {
+  if (argc == 3 && std::string(argv[1]) == "--cover-mutex") {
+    Velto::Kandu::setLogLevel(Velto::Kandu::LOG_OFF);
+    return coverMutexPeer(argv[2]);
+  }
   if (argc < 7) {
     std::fprintf(stderr, "usage: %s ADDRESS SEED SECONDS BEGIN FILES STREAM...\n", argv[0]);
     return 2;

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "CoverMutex.h"
 #include "KanduTime.h"
 #include "LockSizeLedger.h"
 #include "MediaClientInternal.h"
@@ -31,20 +32,25 @@ constexpr uint32_t kFiles = 6;                   // per stream, 30 minutes each
 constexpr uint32_t kPeers = 3;
 const std::vector<uint32_t> kStreams = {1, 2};
 
-// One peer process; its stdout is read line by line.
+std::vector<std::string> lockerArgs(const std::string& address, uint32_t seed, uint32_t seconds) {
+  std::vector<std::string> args = {address, std::to_string(seed), std::to_string(seconds), std::to_string(T),
+                                   std::to_string(kFiles)};
+  for (uint32_t s : kStreams) args.push_back(std::to_string(s));
+  return args;
+}
+
+// One peer process; its stdout is read line by line, its stdin written.
 class Peer {
  public:
-  Peer(const std::string& address, uint32_t seed, uint32_t seconds) {
-    int out[2];
-    if (::pipe(out) != 0) return;
+  explicit Peer(std::vector<std::string> args) {
+    int out[2], in[2];
+    if (::pipe(out) != 0 || ::pipe(in) != 0) return;
     m_pid = ::fork();
     if (m_pid == 0) {
       ::dup2(out[1], STDOUT_FILENO);
-      ::close(out[0]);
-      ::close(out[1]);
-      std::vector<std::string> args = {ZARN_LOCK_PEER, address, std::to_string(seed), std::to_string(seconds),
-                                       std::to_string(T), std::to_string(kFiles)};
-      for (uint32_t s : kStreams) args.push_back(std::to_string(s));
+      ::dup2(in[0], STDIN_FILENO);
+      for (int fd : {out[0], out[1], in[0], in[1]}) ::close(fd);
+      args.insert(args.begin(), ZARN_LOCK_PEER);
       std::vector<char*> argv;
       for (std::string& a : args) argv.push_back(a.data());
       argv.push_back(nullptr);
@@ -52,7 +58,9 @@ class Peer {
       ::_exit(127);
     }
     ::close(out[1]);
+    ::close(in[0]);
     m_out = ::fdopen(out[0], "r");
+    m_in = in[1];
   }
   ~Peer() {
     if (m_pid > 0) {
@@ -60,6 +68,11 @@ class Peer {
       wait();
     }
     if (m_out) std::fclose(m_out);
+    if (m_in >= 0) ::close(m_in);
+  }
+  bool say(const std::string& text) {
+    const std::string line = text + "\n";
+    return ::write(m_in, line.data(), line.size()) == static_cast<ssize_t>(line.size());
   }
   std::string line() {
     char buffer[128] = {};
@@ -78,6 +91,7 @@ class Peer {
  private:
   pid_t m_pid = -1;
   FILE* m_out = nullptr;
+  int m_in = -1;
 };
 
 struct Store {
@@ -114,6 +128,16 @@ class LockProcessesTest : public ::testing::TestWithParam<Store> {
 
   CZarnFileSystem& fs() { return *m_client.storeForTest(); }
 
+  // The cluster keeps a killed client's session (and what it holds, its file
+  // locks too) until the session times out; evicting it is what an operator
+  // does instead.
+  void evictOnCluster(const std::string& clientId) {
+    if (!GetParam().cluster) return;
+    const std::string evict = "bash '" ZARN_SCRIPTS_DIR "/ceph-cluster-daemon.sh' '" +
+                              ZarnTest::env("ZARN_TEST_CEPH_DIR") + "' evict " + clientId + " >/dev/null";
+    ASSERT_EQ(std::system(evict.c_str()), 0) << evict;
+  }
+
   // The ledger's files, and the MiB of the files whose names carry a lock.
   void account(size_t& ledgers, uint64_t& ledgerMiB, uint64_t& lockedMiB, uint64_t& largestMiB) {
     CNameList names;
@@ -139,7 +163,7 @@ class LockProcessesTest : public ::testing::TestWithParam<Store> {
 
 TEST_P(LockProcessesTest, ConcurrentProcessesLeaveOneExactLedger) {
   std::vector<std::unique_ptr<Peer>> peers;
-  for (uint32_t i = 0; i < kPeers; ++i) peers.push_back(std::make_unique<Peer>(m_address, 11 + i, 3));
+  for (uint32_t i = 0; i < kPeers; ++i) peers.push_back(std::make_unique<Peer>(lockerArgs(m_address, 11 + i, 3)));
   for (auto& p : peers) ASSERT_EQ(p->line().rfind("ready ", 0), 0u);
   for (auto& p : peers) {
     const std::string done = p->line();
@@ -160,7 +184,7 @@ TEST_P(LockProcessesTest, ConcurrentProcessesLeaveOneExactLedger) {
 // and taken off after an unlock), never low.
 TEST_P(LockProcessesTest, AKilledProcessLeavesTheLedgerHighByAtMostOneFile) {
   std::vector<std::unique_ptr<Peer>> peers;
-  for (uint32_t i = 0; i < kPeers; ++i) peers.push_back(std::make_unique<Peer>(m_address, 21 + i, 3));
+  for (uint32_t i = 0; i < kPeers; ++i) peers.push_back(std::make_unique<Peer>(lockerArgs(m_address, 21 + i, 3)));
   std::vector<std::string> ids;
   for (auto& p : peers) {
     const std::string ready = p->line();
@@ -170,13 +194,7 @@ TEST_P(LockProcessesTest, AKilledProcessLeavesTheLedgerHighByAtMostOneFile) {
   ::usleep(1200 * 1000);
   peers[0]->kill();
   peers[0]->wait();
-  if (GetParam().cluster) {
-    // The cluster keeps a vanished client's session (and what it holds) until
-    // the session times out; evicting it is what an operator does instead.
-    const std::string evict = "bash '" ZARN_SCRIPTS_DIR "/ceph-cluster-daemon.sh' '" +
-                              ZarnTest::env("ZARN_TEST_CEPH_DIR") + "' evict " + ids[0] + " >/dev/null";
-    ASSERT_EQ(std::system(evict.c_str()), 0) << evict;
-  }
+  evictOnCluster(ids[0]);
   for (size_t i = 1; i < peers.size(); ++i) {
     EXPECT_EQ(peers[i]->line().rfind("done ", 0), 0u);
     EXPECT_EQ(peers[i]->wait(), 0);
@@ -189,6 +207,39 @@ TEST_P(LockProcessesTest, AKilledProcessLeavesTheLedgerHighByAtMostOneFile) {
   EXPECT_LE(ledgers, GetParam().cluster ? 2u : 1u);
   EXPECT_GE(ledgerMiB, lockedMiB);
   EXPECT_LE(ledgerMiB - lockedMiB, largestMiB);
+}
+
+// Processes short of space at the same moment: exactly one recycles. One
+// killed while holding the mutex leaves a file nobody has open, which the next
+// taker removes; a holder that is alive is never taken from.
+TEST_P(LockProcessesTest, ExactlyOneProcessTakesTheRecyclingMutex) {
+  std::vector<std::unique_ptr<Peer>> peers;
+  for (uint32_t i = 0; i < kPeers; ++i) {
+    peers.push_back(std::make_unique<Peer>(std::vector<std::string>{"--cover-mutex", m_address}));
+  }
+  std::vector<std::string> ids;
+  for (auto& peer : peers) {
+    const std::string ready = peer->line();
+    ASSERT_EQ(ready.rfind("ready ", 0), 0u) << ready;
+    ids.push_back(ready.substr(6));
+  }
+  for (auto& peer : peers) ASSERT_TRUE(peer->say("go"));
+  size_t holder = kPeers, taken = 0;
+  for (size_t i = 0; i < peers.size(); ++i) {
+    const std::string answer = peers[i]->line();
+    ASSERT_TRUE(answer == "mutex 1" || answer == "mutex 0") << answer;
+    if (answer == "mutex 1") holder = i, ++taken;
+  }
+  ASSERT_EQ(taken, 1u);
+  CCoverMutex mine;
+  EXPECT_FALSE(mine.tryEnter(fs()));  // the holder is alive
+  peers[holder]->kill();
+  peers[holder]->wait();
+  evictOnCluster(ids[holder]);
+  const size_t next = (holder + 1) % peers.size();
+  ASSERT_TRUE(peers[next]->say("go"));
+  EXPECT_EQ(peers[next]->line(), "mutex 1");  // the dead holder's file was a leftover
+  EXPECT_FALSE(mine.tryEnter(fs()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, LockProcessesTest,

@@ -230,8 +230,6 @@ TEST_F(MediaClientTest, OperationsWithoutEnginesAnswerWithTheirFailureCodes) {
   EXPECT_TRUE(log.contains("stream(5) not find. Pls addStream first!"));
   EXPECT_EQ(client.flushFrame(5), -4);
   EXPECT_EQ(client.deleteStream(5), -1);
-  EXPECT_FALSE(client.discardStream(5, 1, 0));
-  EXPECT_TRUE(log.contains("discardStream is not available in this build yet."));
 
   SystemInfo info{};
   EXPECT_TRUE(client.getSystemInfo(info));

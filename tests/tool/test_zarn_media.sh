@@ -157,7 +157,6 @@ check "info" "$ZM" info --store "$store" --streams 0-9 --json
 grep -q '"stream":7,"codec":"h264"' out && grep -q '"stream":8' out && ! grep -q '"stream":3' out &&
   ! grep -q '"stream":10' out && pass "info finds the streams among 0-10 that have recordings" ||
   bad "info: $(cat out)"
-check "policy" "$ZM" policy --store "$store" --stream 7 --hours 24
 
 echo "== locks"
 check "lock" "$ZM" lock --store "$store" --stream 7 --from "$T0" --to "$T2"
@@ -208,7 +207,7 @@ expect_fail "unwritable output" 4 "cannot write" "$ZM" export --store "$store" -
 expect_fail "unknown option" 2 "unknown option --bogus" "$ZM" clips --store "$store" --stream 7 --bogus
 expect_fail "missing stream" 2 "--stream ID is required" "$ZM" files --store "$store"
 expect_fail "unknown command" 2 "unknown command" "$ZM" frobnicate
-expect_fail "delete not available" 1 "cannot delete stream 7" "$ZM" delete --store "$store" --stream 7 --from "$T0" --to "$T2"
+expect_fail "delete of an inverted range" 2 "empty time range" "$ZM" delete --store "$store" --stream 7 --from "$T2" --to "$T0"
 expect_fail "delete needs a range" 2 "--from and --to are both required" "$ZM" delete --store "$store" --stream 7
 expect_fail "policy needs one limit" 2 "exactly one of" "$ZM" policy --store "$store" --stream 7
 ls x.* >/dev/null 2>&1 && bad "a failed export left an output file" || pass "failed exports leave no output file"
@@ -217,6 +216,21 @@ same "failed commands changed no recording" files.before files.after
 check "recording still exports intact" "$ZM" export --store "$store" --stream 7 -o again.mp4
 packets again.mp4 >again.packets
 same "recording intact after the failures" in.packets again.packets
+
+echo "== recycling and deletion"
+check "policy dry run" "$ZM" policy --store "$store" --stream 7 --hours 24 --dry-run
+grep -q "would remove .*media_7/2024/05/01/120000_120002.*time policy" out && pass "policy --dry-run names the file and why" ||
+  bad "policy --dry-run: $(cat out)"
+check "discard" "$ZM" discard --store "$store" --stream 9 --hours 1
+check "maintain" "$ZM" maintain --store "$store" --json
+grep -q 'media_9/' out && ! grep -q 'media_7/' out && pass "maintain empties the discarded stream and nothing else" ||
+  bad "maintain: $(cat out)"
+expect_fail "the discarded stream is gone" 5 "stream 9" "$ZM" files --store "$store" --stream 9
+ls "$store/media_system" | grep -q discard && bad "the discard marker outlived its stream" ||
+  pass "the discard marker went with the stream's last file"
+expect_fail "delete: a range or all" 2 "not both" "$ZM" delete --store "$store" --stream 7 --all --from "$T0"
+check "delete all" "$ZM" delete --store "$store" --stream 7 --all
+expect_fail "a deleted stream is gone" 5 "stream 7" "$ZM" files --store "$store" --stream 7
 
 # A recorder killed mid-file: nothing is listed until repair, which says what it
 # did, exits 0, and finds nothing the second time; the video then exports.
@@ -236,7 +250,7 @@ check "a repaired recording exports" "$ZM" export --store "$crash" --stream 5 -o
 [ "$(frame_count crashed.mp4)" -gt 25 ] || bad "the repaired recording holds $(frame_count crashed.mp4) frames"
 expect_fail "repair refuses a directory without a store" 3 "no store at" "$ZM" repair --store "$work/none"
 
-for cmd in record export clips files status lock unlock policy delete info repair; do
+for cmd in record export clips files status lock unlock policy delete info repair maintain discard; do
   "$ZM" "$cmd" --help >help.txt 2>&1 && grep -q "usage: zarn-media $cmd" help.txt || bad "$cmd --help"
 done
 pass "every command has --help"

@@ -15,6 +15,8 @@ int runPolicy(int argc, char** argv);
 int runDelete(int argc, char** argv);
 int runInfo(int argc, char** argv);
 int runRepair(int argc, char** argv);
+int runMaintain(int argc, char** argv);
+int runDiscard(int argc, char** argv);
 int runStats(int argc, char** argv);
 int runTimeline(int argc, char** argv);
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Cli.h"
+#include "MediaConfig.h"
 #include "Commands.h"
 #include "Frames.h"
 
@@ -285,68 +286,40 @@ int runUnlock(int argc, char** argv) {
 
 int runDelete(int argc, char** argv) {
   static const std::string help = std::string(
-      "usage: zarn-media delete --stream ID --from TIME --to TIME\n"
+      "usage: zarn-media delete --stream ID (--from TIME --to TIME | --all)\n"
       "\n"
-      "Deletes the stream's recordings in the range (both times required).\n"
-      "\noptions:\n") + kRangeHelp;
-  CStreamCommand cmd({}, {});
+      "Deletes the stream's recordings in the range, locked ones too: files wholly inside\n"
+      "go, files across an edge are cut there (by name; their bytes stay until they are\n"
+      "recycled), a file spanning the whole range stays. --all deletes every recording of\n"
+      "the stream and its bucket.\n"
+      "\noptions:\n"
+      "  --all                  the whole stream\n") + kRangeHelp;
+  CStreamCommand cmd({}, {"all"});
   bool helped = false;
-  int rc = cmd.prepare(argc, argv, help.c_str(), true, helped);
+  const bool all = [&] {
+    for (int i = 0; i < argc; ++i) {
+      if (std::string(argv[i]) == "--all") return true;
+    }
+    return false;
+  }();
+  int rc = cmd.prepare(argc, argv, help.c_str(), !all, helped);
   if (rc != kExitOk || helped) return rc;
-  rc = cmd.store.client().deleteRecordClip(cmd.streamId, cmd.begin(), cmd.endExclusive());
+  if (all && (cmd.options.has("from") || cmd.options.has("to"))) {
+    return fail(kExitUsage, "give --all or a range, not both");
+  }
+  const unsigned begin = all ? 0u : cmd.begin(), end = all ? 0xFFFFFFFFu : cmd.endExclusive();
+  rc = cmd.store.client().deleteRecordClip(cmd.streamId, begin, end);
   if (rc != 0) {
-    return fail(kExitFailed, "cannot delete stream %u from %s to %s (code %d; this library build may not support "
-                "deletion)", cmd.streamId, formatTime(cmd.from).c_str(),
-                formatTime(cmd.to).c_str(), rc);
+    return fail(kExitFailed, "cannot delete stream %u (code %d; run with --verbose for the library's reason)",
+                cmd.streamId, rc);
   }
   if (cmd.options.json()) {
-    CJson().beginObject().value("stream", cmd.streamId).value("deleted", true).endObject().print();
+    CJson().beginObject().value("stream", cmd.streamId).value("deleted", true).value("all", all).endObject().print();
+  } else if (all) {
+    std::printf("stream %u: deleted\n", cmd.streamId);
   } else {
     std::printf("stream %u: deleted %s .. %s UTC\n", cmd.streamId, formatTime(cmd.from).c_str(),
                 formatTime(cmd.to).c_str());
-  }
-  return kExitOk;
-}
-
-int runPolicy(int argc, char** argv) {
-  static const char* const help =
-      "usage: zarn-media policy --stream ID (--hours H | --space MIB)\n"
-      "\n"
-      "Sets the stream's recycling policy: keep at most H hours of video, or at most MIB\n"
-      "MiB. The library keeps policies in the memory of the process that sets them and a\n"
-      "running recycling engine applies them; this command's process ends right after, and\n"
-      "this build has no recycling engine, so the policy only proves that the library takes\n"
-      "it. Hosts that record set the policy themselves (record: --retain-hours).\n"
-      "\noptions:\n"
-      "  --stream ID            stream id, required\n"
-      "  --hours H              keep this many hours\n"
-      "  --space MIB            keep this many MiB (when --hours is not given)\n";
-  COptions options({"stream", "hours", "space"}, {});
-  if (!options.parse(argc, argv)) return kExitUsage;
-  if (options.help()) {
-    std::printf("%s%s", help, kCommonHelp);
-    return kExitOk;
-  }
-  unsigned streamId = 0;
-  if (!getStream(options, streamId)) return kExitUsage;
-  uint64_t hours = 0, space = 0;
-  if (!options.getUnsigned("hours", hours, UINT32_MAX) || !options.getUnsigned("space", space, UINT32_MAX)) {
-    return kExitUsage;
-  }
-  if (options.has("hours") == options.has("space") || (hours == 0 && space == 0)) {
-    return fail(kExitUsage, "give exactly one of --hours H or --space MIB, above 0");
-  }
-  CStore store;
-  int rc = store.open(options, true);
-  if (rc != kExitOk) return rc;
-  rc = store.client().setRecyclePolicy(streamId, static_cast<unsigned>(hours), static_cast<unsigned>(space));
-  if (rc != 0) return fail(kExitFailed, "the library refused the policy for stream %u (code %d)", streamId, rc);
-  if (options.json()) {
-    CJson().beginObject().value("stream", streamId).value("hours", hours).value("spaceMiB", space).endObject().print();
-  } else if (hours != 0) {
-    std::printf("stream %u: keep %" PRIu64 " hour(s) (in this process only)\n", streamId, hours);
-  } else {
-    std::printf("stream %u: keep %" PRIu64 " MiB (in this process only)\n", streamId, space);
   }
   return kExitOk;
 }
@@ -381,6 +354,11 @@ int runInfo(int argc, char** argv) {
   Velto::Zarn::SystemInfo info{};
   if (!client.getSystemInfo(info)) return fail(kExitFailed, "the store's capacity cannot be read");
   const int lockRatio = client.getLockRatio();
+  // What a recorder started here would take as its urgent-recycling threshold.
+  Velto::Zarn::CMediaConfig config;
+  config.initWithFile("MediaConfig.cfg");
+  bool present = false;
+  const double threshold = config.getCyclicCoverThresholdRate(present);
 
   struct Stream {
     unsigned id;
@@ -416,6 +394,7 @@ int runInfo(int argc, char** argv) {
         .value("store", options.store())
         .value("totalBytes", info.totalCapacity)
         .value("freeBytes", info.freeCapacity)
+        .value("urgentThresholdPercent", threshold)
         .value("lockRatio", lockRatio >= 0 ? lockRatio / 10000.0 : -1.0)
         .value("ledgerMiB", ledgerMiB)
         .value("lockedFilesMiB", lockedMiB)
@@ -435,8 +414,9 @@ int runInfo(int argc, char** argv) {
     return kExitOk;
   }
   std::printf("store      %s\n", options.store().c_str());
-  std::printf("capacity   %.1f GiB, free %.1f GiB\n", static_cast<double>(info.totalCapacity) / (1u << 30),
-              static_cast<double>(info.freeCapacity) / (1u << 30));
+  std::printf("capacity   %.1f GiB, free %.1f GiB: %.1f %% (recorders recycle urgently below %.1f %%)\n",
+              static_cast<double>(info.totalCapacity) / (1u << 30), static_cast<double>(info.freeCapacity) / (1u << 30),
+              info.totalCapacity ? info.freeCapacity * 100.0 / info.totalCapacity : 0.0, threshold);
   if (lockRatio >= 0) {
     std::printf("locked     %.2f %% of the store: ledger about %" PRIu64 " MiB, locked files of these streams %" PRIu64
                 " MiB\n", lockRatio / 100.0, ledgerMiB, lockedMiB);

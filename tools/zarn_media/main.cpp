@@ -36,8 +36,10 @@ const char* const kMainHelp =
     "  status    draw the recorded-or-not bitmap, one line per hour\n"
     "  lock      lock a time range against recycling\n"
     "  unlock    unlock a time range\n"
-    "  policy    set a stream's recycling policy (time or space)\n"
-    "  delete    delete a time range of a stream\n"
+    "  policy    apply a recycling policy (time or space) to a stream now\n"
+    "  maintain  run one recycling pass now: policies, discarded streams, urgent space\n"
+    "  discard   discard a stream: its recordings age out and its buckets go\n"
+    "  delete    delete a time range of a stream, or all of it\n"
     "  info      capacity, free space, lock ratio, streams and their recorded span\n"
     "  repair    rebuild what a crashed recorder left unfinished (indexes, names)\n"
     "  stats     print the library's statistics file\n"
@@ -53,8 +55,8 @@ struct Command {
 const Command kCommands[] = {
     {"record", runRecord}, {"export", runExport}, {"clips", runClips},   {"files", runFiles},
     {"status", runStatus}, {"lock", runLock},     {"unlock", runUnlock}, {"policy", runPolicy},
-    {"delete", runDelete}, {"info", runInfo}, {"repair", runRepair},
-    {"stats", runStats},   {"timeline", runTimeline},
+    {"delete", runDelete}, {"info", runInfo}, {"repair", runRepair}, {"maintain", runMaintain},
+    {"discard", runDiscard}, {"stats", runStats}, {"timeline", runTimeline},
 };
 
 }  // namespace
