@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project builds with. Idempotent: when every
+# Installs the Debian packages the project builds with (dpkg-dev and file for
+# the .deb packages, help2man for the man pages). Idempotent: when every
 # package is already present it prints nothing and touches nothing.
 #   scripts/install-deps.sh            what a local-store build needs
 #   scripts/install-deps.sh ceph       also libcephfs (the CephFS backend) and the
@@ -9,7 +10,8 @@
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libjsoncpp-dev zlib1g-dev libgtest-dev libgmock-dev libbenchmark-dev
-          libavformat-dev libavcodec-dev libavutil-dev ffmpeg)
+          libavformat-dev libavcodec-dev libavutil-dev ffmpeg
+          dpkg-dev file help2man)
 for extra in "$@"; do
   case "$extra" in
     ceph) packages+=(libcephfs-dev ceph-mon ceph-mgr ceph-osd ceph-mds ceph-common) ;;

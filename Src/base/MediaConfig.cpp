@@ -77,6 +77,11 @@ void CMediaConfig::initWithFile(const std::string& path) {
     m_mediaSdkStatPath = getString("media_sdk_stat_file", kDefaultMediaSdkStatPath);
     m_mediaSdkFlushTimer = getInt("status_flush_timer", kDefaultMediaSdkFlushTimer);
     m_recycleHours = static_cast<uint32_t>(getInt("recycle_hours", static_cast<int32_t>(kDefaultRecycleHours)));
+    // Optional and off by default: looked up only when present, so that files
+    // without it do not warn on every load.
+    m_metricsPromFile = hasMember("metrics_prom_file") ? getString("metrics_prom_file", kDefaultMetricsPromFile)
+                                                       : kDefaultMetricsPromFile;
+    m_statFileConfigured = hasMember("media_sdk_stat_file");
   } else {
     m_maxFileLength = kDefaultMaxFileLength;
     m_maxFileDuration = kDefaultMaxFileDuration;
@@ -90,6 +95,8 @@ void CMediaConfig::initWithFile(const std::string& path) {
     m_mediaSdkStatPath = kDefaultMediaSdkStatPath;
     m_mediaSdkFlushTimer = kDefaultMediaSdkFlushTimer;
     m_recycleHours = kDefaultRecycleHours;
+    m_metricsPromFile = kDefaultMetricsPromFile;
+    m_statFileConfigured = false;
   }
 }
 

@@ -47,6 +47,7 @@ class CMediaConfig {
   static constexpr const char* kDefaultZarnLogPath = "./log/zarn";  // store option 3
   static constexpr int32_t kDefaultMaxLockRate = 57;              // percent of capacity
   static constexpr double kDefaultCyclicCoverThresholdRate = 5.0;  // urgent-recycle threshold, percent
+  static constexpr const char* kDefaultMetricsPromFile = "";      // "": no metrics file
 
   // All defaults; nothing loaded, so every lookup answers its default silently.
   CMediaConfig();
@@ -85,6 +86,12 @@ class CMediaConfig {
   const std::string& getMediaSdkStatPath() const { return m_mediaSdkStatPath; }
   int32_t getMediaSdkFlushTimer() const { return m_mediaSdkFlushTimer; }
   uint32_t getRecycleHours() const { return m_recycleHours; }
+  // "metrics_prom_file": where the Prometheus metrics go (a "*.prom" path in the
+  // node exporter's textfile directory); empty, the default, for none.
+  const std::string& getMetricsPromFile() const { return m_metricsPromFile; }
+  // Whether the enabled file names "media_sdk_stat_file" itself: the library
+  // writes the status file only then (the default path is for readers).
+  bool getStatFileConfigured() const { return m_statFileConfigured; }
 
   // Per-call values. With the file disabled: `present` = false and the default,
   // without a log line. Enabled: `present` tells whether the file holds the key
@@ -120,6 +127,8 @@ class CMediaConfig {
   std::string m_mediaSdkStatPath = kDefaultMediaSdkStatPath;
   int32_t m_mediaSdkFlushTimer = kDefaultMediaSdkFlushTimer;
   uint32_t m_recycleHours = kDefaultRecycleHours;
+  std::string m_metricsPromFile = kDefaultMetricsPromFile;
+  bool m_statFileConfigured = false;
 
   // The member under `key` when loaded and present; null otherwise. Does not log.
   const Json::Value* findMember(const std::string& key) const;

@@ -26,12 +26,19 @@
 // over "<path>", so readers never see a half-written file. A failed tick is
 // logged and its counts are lost; the next tick starts afresh.
 //
-// Threading: each counter has its own mutex, so feeding one never waits for
-// another, and a tick holds each only for its read-and-reset. Ticks (the timer's
+// With a metrics file set (setPromFile), every tick also writes the same
+// counters, summed since the process started, and the store's gauges in the
+// Prometheus text format (PromMetrics.h), again through "<path>.tmp" and a
+// rename. Either file may be set without the other.
+//
+// Threading: each counter has its own mutex (the byte count is atomic), so
+// feeding one never waits for another, and a tick holds each only for its
+// read-and-reset. Ticks (the timer's
 // and tickNow) are serialised by m_tickMutex, which also guards the paths, the
-// document and the stream counter function.
+// document, the totals and the stream counter and gauge provider functions.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -40,6 +47,7 @@
 
 #include "KanduSync.h"
 #include "KanduTimer.h"
+#include "PromMetrics.h"
 
 namespace Velto::Zarn {
 
@@ -70,8 +78,20 @@ class CMediaSdkStat {
 
   // Writes the status file to `path` from now on: first tick after 1 s, then
   // every 60 s. `interval` is kept but does not change the period. Calling it
-  // again restarts the timer with the new path.
+  // again restarts the timer with the new path. An empty path starts the ticks
+  // without a status file (for the metrics file alone).
   void startTimer(const std::string& path, uint32_t interval);
+
+  // Also writes the metrics file at `path` on every tick ("" stops it). Takes
+  // effect from the next tick; set it before startTimer to have the first.
+  void setPromFile(const std::string& path);
+
+  // How the gauges only the client layer knows are obtained: `provider` fills
+  // them on the ticking thread. One provider at a time, the last one set wins;
+  // clearGaugeProvider removes it only when `owner` set it, and returns after a
+  // tick that is using it has finished (so the owner may then go away).
+  void setGaugeProvider(const void* owner, std::function<void(StoreGauges&)> provider);
+  void clearGaugeProvider(const void* owner);
 
   // How "stream.count" is obtained (the number of registered stream writers).
   // Unset, the count is 0. Called on the ticking thread.
@@ -88,14 +108,19 @@ class CMediaSdkStat {
 
  private:
   void tick();
+  void writeStatFile(const MediaMetrics& minute);
+  void writePromFile();
+  bool writeAtomically(const std::string& tempPath, const std::string& path, const std::string& text,
+                       uint32_t renameAttempts);
   bool dumpToStatFile(const std::string& tempPath, const std::string& text);
-  bool renameStatFile(const std::string& tempPath, const std::string& path, uint32_t retryDelayMs);
 
   // Counters of the minute, each guarded by the mutex of the same name.
   uint32_t m_fileSplitCount = 0;
   uint32_t m_writeSuccessCount = 0;
   uint32_t m_writeFailedCount = 0;
-  uint32_t m_streamBytes = 0;  // bytes; wraps beyond 4 GiB a minute
+  // Bytes of frames written: fed by every writer for every frame, so a lock-free
+  // sum rather than a mutex of its own.
+  std::atomic<uint64_t> m_streamBytes{0};
   uint32_t m_indexRebuildSuccessCount = 0;
   uint32_t m_indexRebuildFailedCount = 0;
   uint32_t m_loopOverwriteSuccessCount = 0;
@@ -105,7 +130,6 @@ class CMediaSdkStat {
   Velto::Kandu::CMutex m_fileSplitMutex;
   Velto::Kandu::CMutex m_writeSuccessMutex;
   Velto::Kandu::CMutex m_writeFailedMutex;
-  Velto::Kandu::CMutex m_streamBytesMutex;
   Velto::Kandu::CMutex m_indexRebuildSuccessMutex;
   Velto::Kandu::CMutex m_indexRebuildFailedMutex;
   Velto::Kandu::CMutex m_loopOverwriteSuccessMutex;
@@ -121,6 +145,10 @@ class CMediaSdkStat {
   uint32_t m_statInterval = 0;
   uint32_t m_renameRetryDelayMs = kRenameRetryDelayMs;
   std::function<int32_t()> m_streamCounter;
+  std::string m_promPath;      // empty: no metrics file
+  MediaMetrics m_totals;       // counters since the process started; gauges of the last tick
+  const void* m_gaugeOwner = nullptr;
+  std::function<void(StoreGauges&)> m_gaugeProvider;
 
   Velto::Kandu::IClock& m_clock;
   // Declared last: destroyed first, so no tick can outlive the members above.

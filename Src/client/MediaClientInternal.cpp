@@ -15,6 +15,7 @@
 #include "MediaContext.h"
 #include "MediaLog.h"
 #include "MediaValues.h"
+#include "PromMetrics.h"
 #include "ZarnNames.h"
 #include "RecordDeletion.h"
 #include "RecordLock.h"
@@ -96,6 +97,7 @@ void CMediaClientInternal::applyConfigToStore() {
 }
 
 CMediaClientInternal::~CMediaClientInternal() {
+  CMediaContext::instance().stopStatistics(this);  // its gauges hold the store handle
   // The cover engine and the timers first: they use the store handle, which goes next.
   m_cover->stop();
   m_exceptionTimer.stop(true);
@@ -219,6 +221,13 @@ int CMediaClientInternal::initialize(const Config& config, Velto::Kandu::TFuncti
   m_cover->start(&fs, config, m_indexFixer.get());
   m_fixIndexTimer.start(TimerProcedure(this, &CMediaClientInternal::fixIndexTimerProc), kFixIndexDelayMs,
                         kFixIndexPeriodMs);
+  CMediaContext::instance().startStatistics(this, [store = m_fs](StoreGauges& gauges) {
+    SystemInfo info{};
+    gauges.capacityKnown = store->getSystemInfo(info);
+    gauges.totalBytes = info.totalCapacity;
+    gauges.freeBytes = info.freeCapacity;
+    gauges.lockRatio = lockRatio(*store);
+  });
   ZLOG(INFO, "GENERAL", 0, "MediaClient initialize success.\n");
   return 0;
 }

@@ -27,6 +27,24 @@ CMediaContext::CMediaContext()
   m_stats->setStreamCounter([streams]() { return streams->getStreamWriterCount(); });
 }
 
+void CMediaContext::startStatistics(const void* owner, std::function<void(StoreGauges&)> storeGauges) {
+  CStreamMgr* streams = m_streams.get();
+  m_stats->setGaugeProvider(owner, [streams, storeGauges = std::move(storeGauges)](StoreGauges& gauges) {
+    storeGauges(gauges);
+    gauges.sessions = streams->getStreamReaderCount();
+  });
+  std::call_once(m_statisticsOnce, [this] {
+    const std::string& promPath = m_config->getMetricsPromFile();
+    const bool statFile = m_config->getStatFileConfigured();
+    if (!statFile && promPath.empty()) return;
+    m_stats->setPromFile(promPath);
+    m_stats->startTimer(statFile ? m_config->getMediaSdkStatPath() : std::string(),
+                        static_cast<uint32_t>(m_config->getMediaSdkFlushTimer()));
+  });
+}
+
+void CMediaContext::stopStatistics(const void* owner) { m_stats->clearGaugeProvider(owner); }
+
 CWorkQueue& CMediaContext::writerQueue() {
   std::call_once(m_writerQueueOnce, [this] { m_writerQueue = std::make_unique<CWorkQueue>(20, true); });
   return *m_writerQueue;

@@ -12,6 +12,7 @@
 // EngineEnv for each engine it creates.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -23,6 +24,7 @@ namespace Velto::Zarn {
 
 class CMediaConfig;
 class CMediaSdkStat;
+struct StoreGauges;
 class CStreamMgr;
 class CWorkQueue;
 class CWritingFileTable;
@@ -45,6 +47,14 @@ class CMediaContext {
   // build, so none (the queries still count them).
   IIndexFixSink* indexFixSink() { return nullptr; }
 
+  // Called by a client whose store is initialised: its store fills the store
+  // gauges of the metrics from now on (the last client to call wins), and the
+  // first call starts the statistics ticks when the configuration file names
+  // the status file or the metrics file. stopStatistics(owner) detaches the
+  // client's gauges (waiting for a tick using them); the ticks go on.
+  void startStatistics(const void* owner, std::function<void(StoreGauges&)> storeGauges);
+  void stopStatistics(const void* owner);
+
   // What the queries, writers and readers of a client on `clock` work with.
   QueryEnv queryEnv(const Velto::Kandu::IClock& clock);
   EngineEnv writerEnv(const Velto::Kandu::IClock& clock);
@@ -58,6 +68,7 @@ class CMediaContext {
   std::unique_ptr<CMediaSdkStat> m_stats;
   std::unique_ptr<CStreamMgr> m_streams;
   std::unique_ptr<CWritingFileTable> m_writingFiles;
+  std::once_flag m_statisticsOnce;
   std::once_flag m_writerQueueOnce, m_readerQueueOnce, m_indexFixQueueOnce;
   std::unique_ptr<CWorkQueue> m_writerQueue, m_readerQueue, m_indexFixQueue;
 };

@@ -90,6 +90,11 @@ int32_t CStreamMgr::getStreamWriterCount() {
   return static_cast<int32_t>(m_writers.size());
 }
 
+int32_t CStreamMgr::getStreamReaderCount() {
+  CReadLock lock(m_readersLock);
+  return static_cast<int32_t>(m_readers.size());
+}
+
 size_t CStreamMgr::getStreamIds(std::set<uint32_t>& out) {
   CWriteLock lock(m_writersLock);
   for (const auto& entry : m_writers) out.insert(entry.first);

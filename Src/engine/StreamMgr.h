@@ -37,6 +37,7 @@ class CStreamMgr {
   std::shared_ptr<CStreamReader> getStreamReader(int32_t id);
   bool hasStreamWriter(uint32_t id);
   int32_t getStreamWriterCount();
+  int32_t getStreamReaderCount();
   // Inserts every registered stream id into `out`; returns out's size.
   size_t getStreamIds(std::set<uint32_t>& out);
 

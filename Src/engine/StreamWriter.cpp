@@ -134,7 +134,10 @@ CStreamWriter::Screen CStreamWriter::screenFrame(const VeltoFrameHead& head, con
 int32_t CStreamWriter::writeFrameBytes(const uint8_t* frameBytes, uint32_t frameTime, uint32_t& done, bool blocking) {
   const VeltoFrameHead& head = *reinterpret_cast<const VeltoFrameHead*>(frameBytes);
   const int32_t result = writeBlk(frameBytes, head.length, done, blocking);
-  if (result == 0) afterWrite(head, frameTime);
+  if (result == 0) {
+    afterWrite(head, frameTime);
+    m_env.stats.addStreamBytes(head.length);
+  }
   return result;
 }
 

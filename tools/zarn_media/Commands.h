@@ -17,6 +17,8 @@ int runInfo(int argc, char** argv);
 int runRepair(int argc, char** argv);
 int runMaintain(int argc, char** argv);
 int runDiscard(int argc, char** argv);
+int runStats(int argc, char** argv);
+int runTimeline(int argc, char** argv);
 
 // Help text shared by every subcommand's --help.
 extern const char* const kCommonHelp;

@@ -42,6 +42,8 @@ const char* const kMainHelp =
     "  delete    delete a time range of a stream, or all of it\n"
     "  info      capacity, free space, lock ratio, streams and their recorded span\n"
     "  repair    rebuild what a crashed recorder left unfinished (indexes, names)\n"
+    "  stats     print the library's statistics file\n"
+    "  timeline  draw the recordings of streams over a time range as an SVG picture\n"
     "\n"
     "`zarn-media COMMAND --help` describes each command.\n";
 
@@ -54,7 +56,7 @@ const Command kCommands[] = {
     {"record", runRecord}, {"export", runExport}, {"clips", runClips},   {"files", runFiles},
     {"status", runStatus}, {"lock", runLock},     {"unlock", runUnlock}, {"policy", runPolicy},
     {"delete", runDelete}, {"info", runInfo}, {"repair", runRepair}, {"maintain", runMaintain},
-    {"discard", runDiscard},
+    {"discard", runDiscard}, {"stats", runStats}, {"timeline", runTimeline},
 };
 
 }  // namespace
