@@ -186,6 +186,15 @@ uint64_t coverBySpace(CoverRun& run, uint32_t streamId, uint16_t bucketKind, uin
   return freed;
 }
 
+uint64_t coverStream(CoverRun& run, uint32_t streamId, uint64_t durationHours, uint64_t spaceMiB) {
+  if (durationHours != 0) {
+    return coverByTime(run, streamId, BUCKET_KIND_FORGOTTEN, durationHours) +
+           coverByTime(run, streamId, BUCKET_KIND_MEDIA, durationHours);
+  }
+  return coverBySpace(run, streamId, BUCKET_KIND_FORGOTTEN, spaceMiB) +
+         coverBySpace(run, streamId, BUCKET_KIND_MEDIA, spaceMiB);
+}
+
 namespace {
 
 // One stream's candidates for urgent recycling, both buckets merged by begin

@@ -76,6 +76,10 @@ uint64_t coverByTime(CoverRun& run, uint32_t streamId, uint16_t bucketKind, uint
 // as it is. Bytes freed.
 uint64_t coverBySpace(CoverRun& run, uint32_t streamId, uint16_t bucketKind, uint64_t spaceMiB);
 
+// Applies one limit to both buckets of a stream, forgotten first: hours when
+// set, otherwise space (MiB). Bytes freed.
+uint64_t coverStream(CoverRun& run, uint32_t streamId, uint64_t durationHours, uint64_t spaceMiB);
+
 // Frees `needBytes` over all streams of the store, always removing the oldest
 // candidate of any stream next, and never a file of a stream whose oldest
 // candidate began less than kLowSpaceMinAgeSeconds ago. Bytes freed.

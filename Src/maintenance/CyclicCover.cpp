@@ -137,16 +137,8 @@ CoverRun CZarnCyclicCover::makeRun(CZarnFileSystem& fs, const CoverPassOptions& 
 
 uint64_t CZarnCyclicCover::coverByPolicies(CoverRun& run) {
   uint64_t freed = 0;
-  for (const auto& [id, policy] : m_policies.snapshot()) {
-    // One limit per stream: hours when set, space only without hours.
-    if (policy.durationHours != 0) {
-      freed += coverByTime(run, id, BUCKET_KIND_FORGOTTEN, policy.durationHours);
-      freed += coverByTime(run, id, BUCKET_KIND_MEDIA, policy.durationHours);
-    } else {
-      freed += coverBySpace(run, id, BUCKET_KIND_FORGOTTEN, policy.space);
-      freed += coverBySpace(run, id, BUCKET_KIND_MEDIA, policy.space);
-    }
-  }
+  // A stream with both limits is kept by hours only.
+  for (const auto& [id, policy] : m_policies.snapshot()) freed += coverStream(run, id, policy.durationHours, policy.space);
   return freed;
 }
 

@@ -118,13 +118,7 @@ static void removeEmptied(CoverRun& run, uint32_t streamId, const DiscardEntry& 
 uint64_t coverDiscardStreams(CoverRun& run, const DiscardList& list) {
   uint64_t freed = 0;
   for (const auto& [id, entry] : list) {
-    if (entry.durationHours != 0) {
-      freed += coverByTime(run, id, BUCKET_KIND_FORGOTTEN, entry.durationHours);
-      freed += coverByTime(run, id, BUCKET_KIND_MEDIA, entry.durationHours);
-    } else {
-      freed += coverBySpace(run, id, BUCKET_KIND_FORGOTTEN, entry.space);
-      freed += coverBySpace(run, id, BUCKET_KIND_MEDIA, entry.space);
-    }
+    freed += coverStream(run, id, entry.durationHours, entry.space);
     removeEmptied(run, id, entry);
   }
   return freed;

@@ -30,15 +30,21 @@
 
 using namespace Velto::Zarn;
 
-static int coverMutexPeer(const char* address) {
-  CMediaClientInternal client;
+// Connects `client` and says "ready ID"; false after "err initialize".
+static bool connect(CMediaClientInternal& client, const std::string& address) {
   uint64_t id = 0;
   if (!ZarnTest::initializePeerClient(client, address, id)) {
     std::printf("err initialize\n");
-    return 1;
+    return false;
   }
   std::printf("ready %llu\n", static_cast<unsigned long long>(id));
   std::fflush(stdout);
+  return true;
+}
+
+static int coverMutexPeer(const char* address) {
+  CMediaClientInternal client;
+  if (!connect(client, address)) return 1;
   CCoverMutex mutex;
   char line[64];
   while (std::fgets(line, sizeof line, stdin)) {
@@ -68,13 +74,7 @@ int main(int argc, char** argv) {
 
   CMediaClientInternal client;
   client.setMaxLockRatio(100);
-  uint64_t id = 0;
-  if (!ZarnTest::initializePeerClient(client, address, id)) {
-    std::printf("err initialize\n");
-    return 1;
-  }
-  std::printf("ready %llu\n", static_cast<unsigned long long>(id));
-  std::fflush(stdout);
+  if (!connect(client, address)) return 1;
 
   uint64_t calls = 0, succeeded = 0;
   const uint64_t end = Velto::Kandu::monotonicMs() + seconds * 1000;
