@@ -19,15 +19,36 @@ bool sameRecord(const RecordFileName& index, const RecordFileName& record) {
          record.type == index.type;
 }
 
-void count(CoverRun& run, uint32_t files, uint64_t bytes) {
-  if (run.stats == nullptr || files == 0 || run.dryRun) return;
-  run.stats->addLoopOverwriteSuccessCount(files);
-  run.stats->addLoopOverwriteDeleteBytes(bytes);
-}
+// What one pass removed. The statistics count a real pass when it ends.
+class CPassTally {
+ public:
+  explicit CPassTally(CoverRun& run) : m_run(run) {}
+  // Removes `file`; true when it is gone (or would go in a dry run).
+  bool remove(const RecordFileName& file, const char* why) {
+    if (!removeCandidate(m_run, file, why)) {
+      ++m_failed;
+      return false;
+    }
+    ++removed;
+    freed += file.size;
+    return true;
+  }
+  void count() const {
+    if (m_run.stats == nullptr || m_run.dryRun) return;
+    if (removed != 0) {
+      m_run.stats->addLoopOverwriteSuccessCount(removed);
+      m_run.stats->addLoopOverwriteDeleteBytes(freed);
+    }
+    if (m_failed != 0) m_run.stats->addLoopOverwriteFailedCount(m_failed);
+  }
 
-void countFailures(CoverRun& run, uint32_t failures) {
-  if (run.stats != nullptr && failures != 0 && !run.dryRun) run.stats->addLoopOverwriteFailedCount(failures);
-}
+  uint32_t removed = 0;
+  uint64_t freed = 0;  // bytes
+
+ private:
+  CoverRun& m_run;
+  uint32_t m_failed = 0;
+};
 
 }  // namespace
 
@@ -92,8 +113,7 @@ uint64_t coverByTime(CoverRun& run, uint32_t streamId, uint16_t bucketKind, uint
   ZLOG(TRACE, "CZarnCyclicCover", 0, "cover by time sID: %u durationHours: %" PRIu64 "\n", streamId, durationHours);
   const uint64_t keep = durationHours * 3600;
   uint64_t limit = keep >= run.localNow ? 0 : run.localNow - keep;
-  uint64_t freed = 0;
-  uint32_t removed = 0, failed = 0;
+  CPassTally tally(run);
   bool guarded = false;
   const int passes = run.dryRun ? 1 : kCoverPasses;
   for (int pass = 0; pass < passes; ++pass) {
@@ -113,27 +133,20 @@ uint64_t coverByTime(CoverRun& run, uint32_t streamId, uint16_t bucketKind, uint
       }
     }
     bool reachedLimit = false;
-    uint32_t removedThisPass = 0;
+    const uint32_t before = tally.removed;
     for (const RecordFileName& file : files) {
       if (file.beginTime >= limit) {
         reachedLimit = true;
         break;
       }
-      if (removeCandidate(run, file, "older than the stream's time policy")) {
-        ++removed;
-        ++removedThisPass;
-        freed += file.size;
-      } else {
-        ++failed;
-      }
+      tally.remove(file, "older than the stream's time policy");
     }
-    if (reachedLimit || removedThisPass == 0) break;
+    if (reachedLimit || tally.removed == before) break;
   }
   ZLOG(INFO, "CZarnCyclicCover", 0, "cover by time over. sID: %u remove %u files. freed size %" PRIu64 "\n", streamId,
-       removed, freed / kMiB);
-  count(run, removed, freed);
-  countFailures(run, failed);
-  return freed;
+       tally.removed, tally.freed / kMiB);
+  tally.count();
+  return tally.freed;
 }
 
 uint64_t coverBySpace(CoverRun& run, uint32_t streamId, uint16_t bucketKind, uint64_t spaceMiB) {
@@ -156,34 +169,26 @@ uint64_t coverBySpace(CoverRun& run, uint32_t streamId, uint16_t bucketKind, uin
   const uint64_t need = used - allowed;
   ZLOG(INFO, "CZarnCyclicCover", 0, "cover by space sID: %u. Need free: %" PRIu64 " MB. UsedSpace: %" PRIu64 " MB\n",
        streamId, need / kMiB, used / kMiB);
-  uint64_t freed = 0;
-  uint32_t removed = 0, failed = 0;
+  CPassTally tally(run);
   const int passes = run.dryRun ? 1 : kCoverPasses;
-  for (int pass = 0; pass < passes && freed < need; ++pass) {
+  for (int pass = 0; pass < passes && tally.freed < need; ++pass) {
     std::vector<RecordFileName> files;
     listRecordFile(run.fs, streamId, bucketKind, files, kCoverPageSize);
     if (files.empty()) {
       ZLOG(DEBUG, "CZarnCyclicCover", 0, "Have no file can delete.\n");
       break;
     }
-    uint32_t removedThisPass = 0;
+    const uint32_t before = tally.removed;
     for (const RecordFileName& file : files) {
-      if (freed >= need) break;
-      if (removeCandidate(run, file, "beyond the stream's space policy")) {
-        ++removed;
-        ++removedThisPass;
-        freed += file.size;
-      } else {
-        ++failed;
-      }
+      if (tally.freed >= need) break;
+      tally.remove(file, "beyond the stream's space policy");
     }
-    if (removedThisPass == 0) break;
+    if (tally.removed == before) break;
   }
   ZLOG(INFO, "CZarnCyclicCover", 0, "cover By Space over. sID: %u remove %u files. freed size: %" PRIu64 " MB\n",
-       streamId, removed, freed / kMiB);
-  count(run, removed, freed);
-  countFailures(run, failed);
-  return freed;
+       streamId, tally.removed, tally.freed / kMiB);
+  tally.count();
+  return tally.freed;
 }
 
 uint64_t coverStream(CoverRun& run, uint32_t streamId, uint64_t durationHours, uint64_t spaceMiB) {
@@ -237,10 +242,9 @@ uint64_t lowSpace(CoverRun& run, uint64_t needBytes) {
   }
   ZLOG(INFO, "CZarnCyclicCover", 0, "Need maintain stream num: %ld.\n", static_cast<long>(streams.size()));
   const uint32_t youngest = run.localNow > kLowSpaceMinAgeSeconds ? run.localNow - kLowSpaceMinAgeSeconds : 0;
-  uint64_t freed = 0;
-  uint32_t removed = 0, failed = 0;
+  CPassTally tally(run);
   const int passes = run.dryRun ? 1 : kCoverPasses;
-  for (int pass = 0; pass < passes && freed < needBytes; ++pass) {
+  for (int pass = 0; pass < passes && tally.freed < needBytes; ++pass) {
     std::vector<StreamQueue> queues;
     for (uint32_t id : streams) {
       StreamQueue queue;
@@ -259,29 +263,22 @@ uint64_t lowSpace(CoverRun& run, uint64_t needBytes) {
     };
     std::priority_queue<size_t, std::vector<size_t>, decltype(later)> heap(later);
     for (size_t i = 0; i < queues.size(); ++i) heap.push(i);
-    uint32_t removedThisPass = 0;
-    while (!heap.empty() && freed < needBytes) {
+    const uint32_t before = tally.removed;
+    while (!heap.empty() && tally.freed < needBytes) {
       const size_t i = heap.top();
       heap.pop();
       StreamQueue& queue = queues[i];
       const RecordFileName& file = queue.files[queue.next++];
       if (file.beginTime > youngest) continue;  // this stream keeps the rest
-      if (removeCandidate(run, file, "the store is short of space")) {
-        ++removed;
-        ++removedThisPass;
-        freed += file.size;
-      } else {
-        ++failed;
-      }
+      tally.remove(file, "the store is short of space");
       if (queue.next < queue.files.size()) heap.push(i);
     }
-    if (removedThisPass == 0) break;
+    if (tally.removed == before) break;
   }
-  ZLOG(DEBUG, "CZarnCyclicCover", 0, "free space over, freed %f MB, remove:%d\n", static_cast<double>(freed) / kMiB,
-       static_cast<int>(removed));
-  count(run, removed, freed);
-  countFailures(run, failed);
-  return freed;
+  ZLOG(DEBUG, "CZarnCyclicCover", 0, "free space over, freed %f MB, remove:%d\n",
+       static_cast<double>(tally.freed) / kMiB, static_cast<int>(tally.removed));
+  tally.count();
+  return tally.freed;
 }
 
 }  // namespace Velto::Zarn
