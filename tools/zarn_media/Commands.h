@@ -2,7 +2,13 @@
 // its own help for --help, and returns the process exit code (Cli.h).
 #pragma once
 
+namespace Velto::Zarn {
+class CZarnFileSystem;
+}
+
 namespace ZarnMedia {
+
+class COptions;
 
 int runRecord(int argc, char** argv);
 int runExport(int argc, char** argv);
@@ -19,6 +25,11 @@ int runMaintain(int argc, char** argv);
 int runDiscard(int argc, char** argv);
 int runStats(int argc, char** argv);
 int runTimeline(int argc, char** argv);
+
+// For the commands that work below the media client (repair, maintain):
+// connects `fs` to the store that `options` names, refusing a directory that
+// holds no store. kExitOk, or an exit code after printing why.
+int connectStore(const COptions& options, Velto::Zarn::CZarnFileSystem& fs);
 
 // Help text shared by every subcommand's --help.
 extern const char* const kCommonHelp;

@@ -45,16 +45,6 @@ bool parsePolicies(const std::string& text, Velto::Zarn::CZarnCyclicCover& cover
   return count != 0;
 }
 
-int openStore(const COptions& options, Velto::Zarn::CZarnFileSystem& fs) {
-  int rc = checkStoreExists(options);
-  if (rc != kExitOk) return rc;
-  const std::string address = options.store();
-  if (!fs.initialize(Velto::Zarn::Config{address.c_str(), 0, "root", ""})) {
-    return fail(kExitStore, "cannot open the store at '%s': %s", address.c_str(), Velto::Zarn::getErrorMsg());
-  }
-  return kExitOk;
-}
-
 // One pass with the policies and ratio of `options`; prints what went.
 int runPass(const COptions& options, const std::string& policies) {
   if (std::getenv("ZARN_LOG_LEVEL") == nullptr) setenv("ZARN_LOG_LEVEL", options.has("verbose") ? "info" : "off", 1);
@@ -70,7 +60,7 @@ int runPass(const COptions& options, const std::string& policies) {
   if (!options.getUnsigned("urgent-ratio", ratio, 99)) return kExitUsage;
   if (options.has("urgent-ratio")) cover.setUrgentRecycleRatio(static_cast<uint32_t>(ratio));
   Velto::Zarn::CZarnFileSystem fs;
-  int rc = openStore(options, fs);
+  int rc = connectStore(options, fs);
   if (rc != kExitOk) return rc;
 
   const bool dryRun = options.has("dry-run");
@@ -111,6 +101,16 @@ int runPass(const COptions& options, const std::string& policies) {
 }
 
 }  // namespace
+
+int connectStore(const COptions& options, Velto::Zarn::CZarnFileSystem& fs) {
+  int rc = checkStoreExists(options);
+  if (rc != kExitOk) return rc;
+  const std::string address = options.store();
+  if (!fs.initialize(Velto::Zarn::Config{address.c_str(), 0, "root", ""})) {
+    return fail(kExitStore, "cannot open the store at '%s': %s", address.c_str(), Velto::Zarn::getErrorMsg());
+  }
+  return kExitOk;
+}
 
 int runMaintain(int argc, char** argv) {
   static const char* const help =

@@ -78,13 +78,9 @@ int runRepair(int argc, char** argv) {
   if (options.has("stream") && !parseStreamList(options.value("stream"), streams)) {
     return fail(kExitUsage, "--stream: '%s' is not a comma-separated list of ids", options.value("stream").c_str());
   }
-  int rc = checkStoreExists(options);
-  if (rc != kExitOk) return rc;
   Velto::Zarn::CZarnFileSystem fs;
-  const std::string address = options.store();
-  if (!fs.initialize(Velto::Zarn::Config{address.c_str(), 0, "root", ""})) {
-    return fail(kExitStore, "cannot open the store at '%s': %s", address.c_str(), Velto::Zarn::getErrorMsg());
-  }
+  const int rc = connectStore(options, fs);
+  if (rc != kExitOk) return rc;
   if (streams.empty() && !Velto::Zarn::listStreamIds(fs, streams)) {
     return fail(kExitFailed, "the store's streams cannot be listed: %s", Velto::Zarn::getErrorMsg());
   }
