@@ -151,12 +151,12 @@ uint32_t removeStreamBucket(CoverRun& run, uint32_t streamId, uint64_t& freed, u
     }
     if (run.dryRun) return STREAM_BUCKET_NEED_MET;  // nothing was removed: listing again would loop
   }
-  CNameList left;
-  if (bucket.list(left, "", "", 1) && !left.empty()) return STREAM_BUCKET_LOCKED;
+  // The store refuses a bucket that still holds files: only locked ones are left then.
   if (!run.fs.removeBucket(name) && getLastError() != ZARN_E_NO_SUCH_BUCKET) {
+    if (getLastError() == ZARN_E_BUCKET_NOT_EMPTY) return STREAM_BUCKET_LOCKED;
     ZLOG(ERROR, "CZarnCyclicCover", getLastError(), "remove bucket[%s] failed, error[%d]\n", name.c_str(),
          getLastError());
-    return getLastError() == ZARN_E_BUCKET_NOT_EMPTY ? STREAM_BUCKET_LOCKED : STREAM_BUCKET_FAILED;
+    return STREAM_BUCKET_FAILED;
   }
   ZLOG(INFO, "CZarnCyclicCover", 0, "remove bucket[%s] success\n", name.c_str());
   return STREAM_BUCKET_GONE;
