@@ -26,6 +26,12 @@ class CMediaValues {
   static CMediaValues& instance();
 
   std::atomic<uint32_t> sdkState{0};       // 0 not initialised; else the last accepted ZarnState
+  // A local-disk store is configured: a writer whose store file fails with a
+  // store fault continues in a new file (on a local disk) instead of faulting.
+  std::atomic<bool> localStoreSupported{false};
+  // The store is failed and new record files go to local disks: writers do
+  // not ask the store for their buckets.
+  std::atomic<bool> localStoreInUse{false};
   std::atomic<int32_t> timeZoneDiff{0};    // hours added to the clock's UTC for record times
   std::atomic<int32_t> maxFrameSize{static_cast<int32_t>(kDefaultMaxFrameSize)};  // bytes
   std::atomic<uint16_t> ecDataNum{4};

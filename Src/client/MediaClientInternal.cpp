@@ -69,6 +69,7 @@ CMediaClientInternal::CMediaClientInternal(Velto::Kandu::IClock& clock)
                                                  CMediaContext::instance().stats())),
       m_zarnTimeout(0),
       m_maxLockRatio(57),
+      m_localStore(clock),
       m_antiShakeTimer("Zarn State Anti Shake Timer", clock),
       m_fixIndexTimer("Fix Index Timer", clock),
       m_exceptionTimer("Zarn exception timer", clock) {
@@ -100,6 +101,7 @@ CMediaClientInternal::~CMediaClientInternal() {
   CMediaContext::instance().stopStatistics(this);  // its gauges hold the store handle
   // The cover engine and the timers first: they use the store handle, which goes next.
   m_cover->stop();
+  m_localStore.stop();
   m_exceptionTimer.stop(true);
   m_fixIndexTimer.stop(true);
   m_antiShakeTimer.stop(true);
@@ -195,7 +197,14 @@ int CMediaClientInternal::initialize(const Config& config, Velto::Kandu::TFuncti
          config.address);
   }
   if (!fs.isInitialized()) {
-    if (config.address == nullptr || !fs.initialize(config)) {
+    // With local disks configured every connection of this client goes
+    // through the combined store, the cover engine's own included.
+    if (m_localStore.configure(CMediaContext::instance().config())) {
+      m_cover->setConnector([this](CZarnFileSystem& f, const Config& c) { return m_localStore.connect(f, c); });
+    }
+    const bool connected = config.address != nullptr &&
+                           (m_localStore.isSupport() ? m_localStore.connect(fs, config) : fs.initialize(config));
+    if (!connected) {
       int32_t code = config.address == nullptr ? ZARN_E_INVALID_ARGUMENT : getLastError();
       const char* message = config.address == nullptr ? "Config.address is null" : getErrorMsg();
       ZLOG(ERROR, "GENERAL", code, "Zarn init error, %s\n", message);

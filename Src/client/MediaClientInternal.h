@@ -105,6 +105,7 @@ class CMediaClientInternal : public IZarnListener {
   int maxLockRatioForTest() const { return m_maxLockRatio; }
   bool hasRecyclePolicyForTest(unsigned streamId) const { return m_cover->hasCoverPolicy(streamId); }
   CZarnCyclicCover& coverForTest() { return *m_cover; }
+  CLocalStoreMgr& localStoreForTest() { return m_localStore; }
 
  private:
   void antiShakeTimerProc(Velto::Kandu::CTimer* timer);

@@ -133,7 +133,12 @@ CStreamWriter::Screen CStreamWriter::screenFrame(const VeltoFrameHead& head, con
 
 int32_t CStreamWriter::writeFrameBytes(const uint8_t* frameBytes, uint32_t frameTime, uint32_t& done, bool blocking) {
   const VeltoFrameHead& head = *reinterpret_cast<const VeltoFrameHead*>(frameBytes);
-  const int32_t result = writeBlk(frameBytes, head.length, done, blocking);
+  int32_t result = writeBlk(frameBytes, head.length, done, blocking);
+  if (result == -3 && failOver(frameTime)) {
+    done = 0;  // the whole frame again, into the new file
+    result = writeBlk(frameBytes, head.length, done, blocking);
+  }
+  if (result == -3) setBackgroundError(-3);
   if (result == 0) {
     afterWrite(head, frameTime);
     m_env.stats.addStreamBytes(head.length);
@@ -146,13 +151,27 @@ void CStreamWriter::recycle(std::unique_ptr<FrameItem> item) {
   if (m_itemPool.size() < kItemPoolSize) m_itemPool.push_back(std::move(item));
 }
 
+bool CStreamWriter::failOver(uint32_t frameTime) {
+  const int32_t code = getLastError();
+  if (!CMediaValues::instance().localStoreSupported.load() || !isStoreFault(code) || !m_curFile) return false;
+  WLOG(WARN, "store fault %d on the file being written: it is closed as it stands and a new file takes the frame.\n",
+       code);
+  closeCurrentFile();
+  return createFile(frameTime, false);
+}
+
 bool CStreamWriter::ensureBucket() {
   if (!m_bucketUnchecked) return true;
+  // Record files go to local disks while the store is failed: its buckets are
+  // checked once it is back.
+  if (CMediaValues::instance().localStoreInUse.load()) return true;
   std::string bucket = bucketName(m_sid, BUCKET_KIND_MEDIA);
   if (m_fs->getBucket(bucket).isValid() || m_fs->createBucket(bucket) || getLastError() == ZARN_E_BUCKET_EXISTS) {
     m_bucketUnchecked = false;
     return true;
   }
+  const CMediaValues& values = CMediaValues::instance();
+  if (values.localStoreSupported.load() && isStoreFault(getLastError())) return true;  // the store failed just now
   KLOG_WARN("bucket[%s] get & create failed ! maybe not sync. try delete it.\n", bucket.c_str());
   m_fs->removeBucket(bucket);
   if (m_fs->createBucket(bucket)) {
@@ -369,7 +388,6 @@ int32_t CStreamWriter::writeBlk(const uint8_t* bytes, uint32_t length, uint32_t&
   if (result == TransferResult::Done) return 0;
   if (result == TransferResult::Stalled) return -2;
   WLOG(ERROR, "Fault: write error: ret = %d; %d: %s.\n", static_cast<int>(failed), getLastError(), getErrorMsg());
-  setBackgroundError(-3);
   return -3;
 }
 

@@ -122,8 +122,13 @@ class CStreamWriter : public CAsyncEngine {
   bool switchToNextFile();
   bool checkFrame(const VeltoFrameHead& head, const uint8_t* frameBytes);
   // Writes bytes[done..length); blocking retries 0-byte writes every 5 ms.
-  // 0 complete, -2 the store took nothing (non-blocking), -3 fault.
+  // 0 complete, -2 the store took nothing (non-blocking), -3 fault (the
+  // caller decides whether the fault is the writer's).
   int32_t writeBlk(const uint8_t* bytes, uint32_t length, uint32_t& done, bool blocking);
+  // After a write fault: with a local-disk store and a store fault, closes the
+  // current file as it stands and creates a new one at `frameTime` (on a local
+  // disk while the store is failed). false: the fault stands.
+  bool failOver(uint32_t frameTime);
   void afterWrite(const VeltoFrameHead& head, uint32_t frameTime);
   // One worker pass; true when it gave up because the store took nothing.
   bool doWriteFrame(bool flushAll);

@@ -224,7 +224,7 @@ void CZarnCyclicCover::timerProc(CTimer* timer) {
   auto fs = std::make_unique<CZarnFileSystem>();
   const Config config{m_address.c_str(), m_port, m_user.c_str(), m_password.c_str()};
   uint64_t waitMs = 0;
-  if (!fs->initialize(config)) {
+  if (!(m_connect ? m_connect(*fs, config) : fs->initialize(config))) {
     ZLOG(WARN, "CZarnCyclicCover", getLastError(), "Zarn init error, %s. exit timer proc\n", getErrorMsg());
   } else {
     const bool heldBefore = m_holdMutex.held();

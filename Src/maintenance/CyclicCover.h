@@ -30,6 +30,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -82,6 +83,10 @@ class CZarnCyclicCover {
   // `fs` and the timer. `fs` (the client's connection, used for discard
   // markers and the worker) must outlive stop(); null starts nothing.
   void start(CZarnFileSystem* fs, const Config& config, IIndexFixSink* indexFix);
+  // How each run connects its own store connection (default: initialize with
+  // the address); set before start.
+  using Connector = std::function<bool(CZarnFileSystem& fs, const Config& config)>;
+  void setConnector(Connector connect) { m_connect = std::move(connect); }
   // Stops the timer (waiting for a run in progress), releases a held mutex
   // file, stops the forgotten-storage worker. Idempotent.
   void stop();
@@ -139,6 +144,7 @@ class CZarnCyclicCover {
   // The urgent run's connection and mutex file while it is held (timer thread
   // and stop(), which waits for the timer first).
   std::unique_ptr<CZarnFileSystem> m_holdFs;
+  Connector m_connect;
   CCoverMutex m_holdMutex;
   uint64_t m_holdUntilMs = 0;  // monotonic ms of the clock
   CForgottenStorage m_forgotten;

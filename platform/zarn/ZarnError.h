@@ -38,4 +38,10 @@ const char* zarnErrorText(int32_t code);
 // True for failures that may pass when the same call is repeated later.
 bool isRetryableError(int32_t code);
 
+// Failures that say the store itself cannot be used, as opposed to a refusal
+// about one name: a time-out, an unreachable store, a failed data transfer.
+inline bool isStoreFault(int32_t code) {
+  return code == ZARN_E_TIMEOUT || code == ZARN_E_UNAVAILABLE || code == ZARN_E_IO;
+}
+
 }  // namespace Velto::Zarn
