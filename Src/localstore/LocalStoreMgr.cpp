@@ -77,7 +77,9 @@ void CLocalStoreMgr::onLoginSDK(CZarnFileSystem* fs) {
   if (!primary) return;
   m_migration = std::make_unique<CMigration>(m_clock, primary, m_migrateBytesPerSecond);
   m_migration->setAfterPass([this](const CMigration::PassResult&) { writeStateFile(); });
-  m_migration->start(0, m_migratePeriodMs);
+  // The first run a period after login: recording that resumes after a restart
+  // settles first.
+  m_migration->start(m_migratePeriodMs, m_migratePeriodMs);
 }
 
 bool CLocalStoreMgr::onSDKState(uint32_t state) {

@@ -74,6 +74,11 @@ class CLocalStoreMgr {
   // Tests and tools.
   CLocalDiskSet* disks() { return m_disks.get(); }
   CMigration* migration() { return m_migration.get(); }
+  // The combined backend of the client's own connection (null without one).
+  std::shared_ptr<CCombinedStoreBackend> primary() {
+    Velto::Kandu::CAutoLock lock(m_stateMutex);
+    return m_primary;
+  }
   bool writeStateFile();
 
  private:

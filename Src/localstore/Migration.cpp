@@ -128,6 +128,7 @@ CMigration::PassResult CMigration::runPass() {
           StoreLayout{CMediaValues::instance().ecDataNum.load(), CMediaValues::instance().ecParityNum.load()},
           [&record](IStoreFile& copy, uint64_t size) { return verifyCopy(copy, size, record); },
           [this](uint64_t bytes) { pace(bytes); }, &m_stopping, copied);
+      if (rc != 0 && m_stopping.load()) break;  // cut short, not failed
       if (rc == 0) {
         ++result.files;
         result.bytes += copied;

@@ -2,10 +2,12 @@
 // client that records through a store outage.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
 #include "CombinedStoreBackend.h"
+#include "DamagedStore.h"
 #include "FaultInjectingBackend.h"
 #include "KanduClock.h"
 #include "LocalStoreBackend.h"
@@ -261,6 +263,73 @@ TEST_P(LocalStoreOutageTest, RecordingGoesOnThroughAnOutageAndComesBackWholeInto
   EXPECT_NE(text.find("\"outages\""), std::string::npos);
   EXPECT_EQ(text.find("\"end\" : 0"), std::string::npos) << text;
   registerStoreBackend("outage", nullptr);
+}
+
+// A migration killed while it copies leaves the store and the disks so that a
+// client sees every file once, and the next migration completes the move.
+TEST(LocalStoreMigrationTest, AMigrationKilledMidCopyLosesNothingAndShowsNothingTwice) {
+  ASSERT_TRUE(kConfigured);
+  TempDir dir;
+  const std::string root = dir.sub("store");
+  CLocalStoreBackend disk("disk1");
+  ASSERT_EQ(disk.connect(Config{}), 0);
+  const uint32_t t0 = (CMediaValues::instance().localNow(Velto::Kandu::systemClock()) - 7200) / 60 * 60;
+  std::vector<ZarnTest::RecordFileBytes> files;
+  for (uint32_t i = 0; i < 3; ++i) {
+    files.push_back(ZarnTest::buildRecordFile(43, t0 + i * 600, 30, 5, 100 * 1024));  // 3 MiB
+    const std::string path = files.back().path();
+    const size_t slash = path.find('/');
+    ASSERT_EQ(putLocal(disk, path.substr(0, slash), path.substr(slash + 1),
+                       std::string(files.back().bytes.begin(), files.back().bytes.end())),
+              0);
+  }
+  const std::string firstTemp = "migrating/" + files[0].path();
+  auto store = makeLocalStoreBackend(root);
+  ASSERT_EQ(store->connect(Config{}), 0);
+  {
+    ZarnTest::CChildProcess peer({ZARN_MIGRATE_PEER, root, "2"});  // 2 MiB/s: a file takes 1.5 s
+    ASSERT_EQ(peer.answer(), "ready");
+    ASSERT_TRUE(ZarnTest::waitFor([&] {
+      StoreFileStat st;
+      return store->statFile("media_system", firstTemp, st) == 0;
+    }, 10000));
+    peer.kill();
+  }
+  const auto seen = [&] {
+    CManualClock clock(Velto::Kandu::systemClock().wallClockMs());  // no migration of its own
+    CMediaClientInternal client(clock);
+    std::vector<RecordClipEx> clips;
+    EXPECT_EQ(client.initialize(Config{root.c_str(), 0, "root", ""}, nullptr), 0);
+    EXPECT_EQ(client.queryRecordFileList(43, t0, t0 + 3600, clips), 0);
+    std::vector<uint32_t> begins;
+    for (const RecordClipEx& c : clips) begins.push_back(c.beginTime);
+    return begins;
+  };
+  const std::vector<uint32_t> all{t0, t0 + 600, t0 + 1200};
+  EXPECT_EQ(seen(), all);
+  {
+    ZarnTest::CChildProcess peer({ZARN_MIGRATE_PEER, root, "0"});
+    ASSERT_EQ(peer.answer(), "ready");
+    EXPECT_EQ(peer.answer().rfind("done ", 0), 0u);
+  }
+  EXPECT_EQ(seen(), all);
+  for (const ZarnTest::RecordFileBytes& f : files) {
+    const std::string path = f.path();
+    const size_t slash = path.find('/');
+    StoreFileStat st;
+    EXPECT_EQ(disk.statFile(path.substr(0, slash), path.substr(slash + 1), st), ZARN_E_NO_SUCH_FILE);
+    std::unique_ptr<IStoreFile> in;
+    ASSERT_EQ(store->openFile(path.substr(0, slash), path.substr(slash + 1), StoreOpenMode::Read, in), 0);
+    std::vector<uint8_t> bytes(f.bytes.size() + 1);
+    size_t got = 0;
+    for (int64_t n; (n = in->read(bytes.data() + got, static_cast<uint32_t>(bytes.size() - got))) > 0;) got += n;
+    bytes.resize(got);
+    EXPECT_EQ(bytes, f.bytes) << path;
+  }
+  const std::vector<std::string> system = names(*store, "media_system");
+  EXPECT_EQ(std::count_if(system.begin(), system.end(),
+                          [](const std::string& n) { return n.rfind("migrating/", 0) == 0; }),
+            0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, LocalStoreOutageTest, ::testing::Values(true, false),
