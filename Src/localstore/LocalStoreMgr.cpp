@@ -69,17 +69,22 @@ bool CLocalStoreMgr::connect(CZarnFileSystem& fs, const Config& config) {
 void CLocalStoreMgr::onLoginSDK(CZarnFileSystem* fs) {
   m_loggedIn.store(fs != nullptr);
   if (!isSupport() || fs == nullptr || m_migration) return;
+  // The first run a period after login: recording that resumes after a
+  // restart settles first.
+  if (prepareMigration() != nullptr) m_migration->start(m_migratePeriodMs, m_migratePeriodMs);
+}
+
+CMigration* CLocalStoreMgr::prepareMigration() {
+  if (m_migration || !isSupport()) return m_migration.get();
   std::shared_ptr<CCombinedStoreBackend> primary;
   {
     Velto::Kandu::CAutoLock lock(m_stateMutex);
     primary = m_primary;
   }
-  if (!primary) return;
+  if (!primary) return nullptr;
   m_migration = std::make_unique<CMigration>(m_clock, primary, m_migrateBytesPerSecond);
   m_migration->setAfterPass([this](const CMigration::PassResult&) { writeStateFile(); });
-  // The first run a period after login: recording that resumes after a restart
-  // settles first.
-  m_migration->start(m_migratePeriodMs, m_migratePeriodMs);
+  return m_migration.get();
 }
 
 bool CLocalStoreMgr::onSDKState(uint32_t state) {

@@ -79,6 +79,12 @@ class CLocalStoreMgr {
     Velto::Kandu::CAutoLock lock(m_stateMutex);
     return m_primary;
   }
+  // Makes the migration worker over the first connection's backend without
+  // starting its timer, for a process that runs passes itself (a tool), so
+  // that no run of the worker's own races it; its passes still write the
+  // state file. Null without local disks or before a connection. A manager
+  // that made the worker here starts none in onLoginSDK.
+  CMigration* prepareMigration();
   bool writeStateFile();
 
  private:

@@ -12,6 +12,7 @@
 #include "DamagedStore.h"
 #include "FaultInjectingBackend.h"
 #include "KanduClock.h"
+#include "LockSizeLedger.h"
 #include "LocalStoreBackend.h"
 #include "MediaClientInternal.h"
 #include "MediaValues.h"
@@ -418,11 +419,22 @@ TEST_P(CephOutageTest, FourStreamsRecordThroughAThirtySecondOutageAndPlayBackWho
   ASSERT_TRUE(back);
   for (uint32_t sid : sids) ASSERT_EQ(client.deleteStream(sid), 0);
 
+  // A lock taken while part of the range is still on the disks follows the
+  // files into the store: the ledger ends equal to the locked files.
+  uint64_t ledgerBefore = 0;
+  ASSERT_TRUE(getLockSize(*client.storeForTest(), ledgerBefore));
+  ASSERT_EQ(client.lockStream(sids[0], t0, t0 + 3600), 0);
   CMigration& migration = *client.localStoreForTest().migration();
   ASSERT_TRUE(ZarnTest::waitFor([&] {
     migration.runPass();
     return migration.awaiting().empty();
   }, 120000));
+  uint64_t ledger = 0, lockedMiB = 0;
+  ASSERT_TRUE(getLockSize(*client.storeForTest(), ledger));
+  for (const RecordFileName& f : ZarnTest::listRecords(*client.storeForTest(), sids[0])) {
+    if (f.lockCount > 0) lockedMiB += f.size >> 20;
+  }
+  EXPECT_EQ(ledger - ledgerBefore, lockedMiB);
   for (int s = 0; s < 4; ++s) {
     // Every frame acknowledged plays back, byte for byte, from the store.
     const int session = client.addSession(sids[s], t0, t0 + 3600, true);

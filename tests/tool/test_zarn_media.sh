@@ -250,7 +250,7 @@ check "a repaired recording exports" "$ZM" export --store "$crash" --stream 5 -o
 [ "$(frame_count crashed.mp4)" -gt 25 ] || bad "the repaired recording holds $(frame_count crashed.mp4) frames"
 expect_fail "repair refuses a directory without a store" 3 "no store at" "$ZM" repair --store "$work/none"
 
-for cmd in record export clips files status lock unlock policy delete info repair maintain discard; do
+for cmd in record export clips files status lock unlock policy delete info repair maintain migrate discard; do
   "$ZM" "$cmd" --help >help.txt 2>&1 && grep -q "usage: zarn-media $cmd" help.txt || bad "$cmd --help"
 done
 pass "every command has --help"

@@ -292,6 +292,7 @@ int CStore::open(const COptions& options, bool mustExist, int maxFrameSize) {
   }
   const std::string address = options.store();
   if (address.empty()) return fail(kExitUsage, "--store: empty address");
+  if (m_lister) return kExitOk;
   m_client = std::make_unique<Velto::Zarn::CMediaClient>();
   m_client->setTimeZoneDiff(0);  // frames carry UTC; the store's scale is UTC too
   if (maxFrameSize > 0) m_client->setMaxFrameSize(maxFrameSize);
@@ -303,12 +304,18 @@ int CStore::open(const COptions& options, bool mustExist, int maxFrameSize) {
   return kExitOk;
 }
 
+Velto::Zarn::CMediaClient& CStore::client() {
+  if (!m_client) std::abort();  // not opened, or opened to list through another way
+  return *m_client;
+}
+
 int CStore::files(unsigned streamId, std::vector<Velto::Zarn::RecordClipEx>& out, int64_t from, int64_t to) {
   out.clear();
   // The list holds files ending after its begin, so a file that begins and
   // ends in the same second `from` is found only from the second before.
-  return m_client->queryRecordFileList(streamId, static_cast<unsigned>(from > kFirstTime ? from - 1 : from),
-                                       static_cast<unsigned>(to), out);
+  const unsigned begin = static_cast<unsigned>(from > kFirstTime ? from - 1 : from);
+  if (m_lister) return m_lister(streamId, begin, static_cast<unsigned>(to), out);
+  return client().queryRecordFileList(streamId, begin, static_cast<unsigned>(to), out);
 }
 
 int CStore::streamSpan(unsigned streamId, int64_t& first, int64_t& last, short& type) {

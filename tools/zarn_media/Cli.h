@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -101,7 +102,13 @@ class CStore {
   // 0 keeps the library's default. Returns kExitOk or an exit code after
   // printing why.
   int open(const COptions& options, bool mustExist, int maxFrameSize = 0);
-  Velto::Zarn::CMediaClient& client() { return *m_client; }
+  // Where files() lists instead of the media client's query (same arguments
+  // and result): set before open(), which then opens no client, so client()
+  // must not be called. For a store reached below the client (LocalView.h).
+  using Lister = std::function<int(unsigned streamId, unsigned begin, unsigned end,
+                                   std::vector<Velto::Zarn::RecordClipEx>& out)>;
+  void listThrough(Lister lister) { m_lister = std::move(lister); }
+  Velto::Zarn::CMediaClient& client();
 
   // Every record file of the stream in [from, to) (whole recorded time by default).
   int files(unsigned streamId, std::vector<Velto::Zarn::RecordClipEx>& out, int64_t from = kFirstTime,
@@ -115,6 +122,7 @@ class CStore {
 
  private:
   std::unique_ptr<Velto::Zarn::CMediaClient> m_client;
+  Lister m_lister;
 };
 
 // Refuses (exit code after printing why) a local store path that does not

@@ -22,6 +22,7 @@ int runDelete(int argc, char** argv);
 int runInfo(int argc, char** argv);
 int runRepair(int argc, char** argv);
 int runMaintain(int argc, char** argv);
+int runMigrate(int argc, char** argv);
 int runDiscard(int argc, char** argv);
 int runStats(int argc, char** argv);
 int runTimeline(int argc, char** argv);

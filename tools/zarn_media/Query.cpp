@@ -1,5 +1,7 @@
 // zarn-media clips, files, status, lock, unlock, policy, delete, info: the
-// store's queries and maintenance calls, one library call each.
+// store's queries and maintenance calls, one library call each. files and info
+// show the local-disk store too when MediaConfig.cfg here names one; they then
+// list below the media client (LocalView.h).
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -10,6 +12,8 @@
 #include "MediaConfig.h"
 #include "Commands.h"
 #include "Frames.h"
+#include "LocalView.h"
+#include "RecordLock.h"
 
 namespace ZarnMedia {
 
@@ -42,6 +46,7 @@ struct CStreamCommand {
   unsigned streamId = 0;
   int64_t from = 0;
   int64_t to = 0;
+  CLocalView* local = nullptr;  // set: the store is reached through it when it holds local disks
 
   CStreamCommand(std::vector<std::string> values, std::vector<std::string> flags)
       : options([&values] {
@@ -66,8 +71,14 @@ struct CStreamCommand {
     if (rangeRequired && (!options.has("from") || !options.has("to"))) {
       return fail(kExitUsage, "--from and --to are both required");
     }
-    int rc = store.open(options, true);
+    int rc = local != nullptr ? local->open(options) : kExitOk;
     if (rc != kExitOk) return rc;
+    if (local != nullptr && local->active()) {
+      store.listThrough([this](unsigned id, unsigned begin, unsigned end, std::vector<Velto::Zarn::RecordClipEx>& out) {
+        return local->files(id, begin, end, out);
+      });
+    }
+    if ((rc = store.open(options, true)) != kExitOk) return rc;
     int64_t first = 0, last = 0;
     short type = 0;
     if ((rc = store.streamSpan(streamId, first, last, type)) != kExitOk) return rc;
@@ -147,9 +158,13 @@ int runFiles(int argc, char** argv) {
   static const std::string help = std::string(
       "usage: zarn-media files --stream ID [--from TIME] [--to TIME]\n"
       "\n"
-      "Lists the stream's record files overlapping the range, with their store names.\n"
+      "Lists the stream's record files overlapping the range, with their store names and\n"
+      "where each lies now: \"store\", or \"local:N\" on local disk N (the Nth of\n"
+      "\"stdfile_disk\" in MediaConfig.cfg here, counted from 0) until it is migrated.\n"
       "\noptions:\n") + kRangeHelp;
   CStreamCommand cmd({}, {});
+  CLocalView local;
+  cmd.local = &local;
   bool helped = false;
   int rc = cmd.prepare(argc, argv, help.c_str(), false, helped);
   if (rc != kExitOk || helped) return rc;
@@ -171,15 +186,17 @@ int runFiles(int argc, char** argv) {
           .value("forgotten", f.forgotten != 0)
           .value("missingIndex", f.missing != 0)
           .value("type", static_cast<int>(f.type))
+          .value("where", local.whereIs(f.fileName))
           .endObject();
     }
     json.endArray().endObject().print();
     return kExitOk;
   }
   for (const auto& f : files) {
-    std::printf("%s  %s .. %s  %12" PRIu64 " bytes  %s  locks %u  %s\n", f.fileName, formatTime(f.beginTime).c_str(),
-                f.endTime != 0 ? formatTime(f.endTime).c_str() : "(open)", f.size, codecName(f.type),
-                lockCountOf(f.fileName), flagsOf(f.locked, f.forgotten, f.missing).c_str());
+    std::printf("%s  %s .. %s  %12" PRIu64 " bytes  %s  locks %u  %s  %s\n", f.fileName,
+                formatTime(f.beginTime).c_str(), f.endTime != 0 ? formatTime(f.endTime).c_str() : "(open)", f.size,
+                codecName(f.type), lockCountOf(f.fileName), flagsOf(f.locked, f.forgotten, f.missing).c_str(),
+                local.whereIs(f.fileName).c_str());
   }
   std::printf("%zu file(s) of stream %u\n", files.size(), cmd.streamId);
   return kExitOk;
@@ -331,6 +348,11 @@ int runInfo(int argc, char** argv) {
       "Shows the store's capacity, free space and lock ratio, and the streams that have\n"
       "recordings with their first and last recorded time. The library offers no list of\n"
       "streams, so the ids FIRST to LAST (default 0-99) are asked one by one.\n"
+      "\n"
+      "When MediaConfig.cfg here names local disks (\"stdfile_disk\", \"enable_cfg\": 1),\n"
+      "also each disk (usable, free and total space, the files waiting on it to be\n"
+      "migrated into the store) and each stream's files waiting. A disk that a running\n"
+      "recorder holds cannot be looked into and shows as not usable.\n"
       "\noptions:\n"
       "  --streams A-B          stream ids to look for (at most 100000 of them)\n";
   COptions options({"streams"}, {});
@@ -347,13 +369,21 @@ int runInfo(int argc, char** argv) {
       lastId - firstId >= 100000) {
     return fail(kExitUsage, "--streams: '%s' is not a range A-B of at most 100000 ids", range.c_str());
   }
-  CStore store;
-  int rc = store.open(options, true);
+  CLocalView local;
+  int rc = local.open(options);
   if (rc != kExitOk) return rc;
-  auto& client = store.client();
+  CStore store;
+  if (local.active()) {
+    store.listThrough([&local](unsigned id, unsigned begin, unsigned end, std::vector<Velto::Zarn::RecordClipEx>& out) {
+      return local.files(id, begin, end, out);
+    });
+  }
+  if ((rc = store.open(options, true)) != kExitOk) return rc;
   Velto::Zarn::SystemInfo info{};
-  if (!client.getSystemInfo(info)) return fail(kExitFailed, "the store's capacity cannot be read");
-  const int lockRatio = client.getLockRatio();
+  if (!(local.active() ? local.store().getSystemInfo(info) : store.client().getSystemInfo(info))) {
+    return fail(kExitFailed, "the store's capacity cannot be read");
+  }
+  const int lockRatio = local.active() ? Velto::Zarn::lockRatio(local.store()) : store.client().getLockRatio();
   // What a recorder started here would take as its urgent-recycling threshold.
   Velto::Zarn::CMediaConfig config;
   config.initWithFile("MediaConfig.cfg");
@@ -367,12 +397,14 @@ int runInfo(int argc, char** argv) {
     uint64_t bytes;
     short type;
     uint64_t lockedMiB;  // as the ledger counts: each locked file's bytes >> 20
+    CLocalView::StreamAwaiting awaiting;
   };
   std::vector<Stream> streams;
   for (unsigned long long id = firstId; id <= lastId; ++id) {
     std::vector<Velto::Zarn::RecordClipEx> files;
     if (store.files(static_cast<unsigned>(id), files) != 0 || files.empty()) continue;
-    Stream s{static_cast<unsigned>(id), CStore::kLastTime, 0, files.size(), 0, files.back().type, 0};
+    Stream s{static_cast<unsigned>(id), CStore::kLastTime, 0, files.size(), 0, files.back().type, 0,
+             local.awaitingOf(static_cast<unsigned>(id))};
     for (const auto& f : files) {
       s.first = std::min<int64_t>(s.first, f.beginTime);
       s.last = std::max<int64_t>(s.last, std::max(f.beginTime, f.endTime));
@@ -388,6 +420,7 @@ int runInfo(int argc, char** argv) {
   const uint64_t ledgerMiB = lockRatio >= 0 ? static_cast<uint64_t>(lockRatio) * totalMiB / 10000 : 0;
   uint64_t lockedMiB = 0;
   for (const auto& s : streams) lockedMiB += s.lockedMiB;
+  const std::vector<CLocalView::Disk> disks = local.disks();
   if (options.json()) {
     CJson json;
     json.beginObject()
@@ -407,10 +440,29 @@ int runInfo(int argc, char** argv) {
           .value("bytes", s.bytes)
           .value("lockedMiB", s.lockedMiB)
           .time("first", s.first)
-          .time("last", s.last)
-          .endObject();
+          .time("last", s.last);
+      if (local.active()) json.value("awaitingFiles", s.awaiting.files).value("awaitingBytes", s.awaiting.bytes);
+      json.endObject();
     }
-    json.endArray().endObject().print();
+    json.endArray();
+    if (local.configuredDisks() != 0) {
+      json.beginObject("localStore").value("configuredDisks", static_cast<uint64_t>(local.configuredDisks()));
+      json.beginArray("disks");
+      for (size_t i = 0; i < disks.size(); ++i) {
+        const CLocalView::Disk& d = disks[i];
+        json.beginObject()
+            .value("disk", static_cast<uint64_t>(i))
+            .value("path", d.path)
+            .value("usable", d.usable)
+            .value("totalBytes", d.totalBytes)
+            .value("freeBytes", d.freeBytes)
+            .value("awaitingFiles", d.awaitingFiles)
+            .value("awaitingBytes", d.awaitingBytes)
+            .endObject();
+      }
+      json.endArray().endObject();
+    }
+    json.endObject().print();
     return kExitOk;
   }
   std::printf("store      %s\n", options.store().c_str());
@@ -425,8 +477,30 @@ int runInfo(int argc, char** argv) {
   }
   std::printf("streams    %zu with recordings among ids %llu-%llu\n", streams.size(), firstId, lastId);
   for (const auto& s : streams) {
-    std::printf("  %-8u %-5s %s .. %s UTC  %zu file(s), %.2f MB\n", s.id, codecName(s.type),
+    std::printf("  %-8u %-5s %s .. %s UTC  %zu file(s), %.2f MB", s.id, codecName(s.type),
                 formatTime(s.first).c_str(), formatTime(s.last).c_str(), s.files, static_cast<double>(s.bytes) / 1e6);
+    if (local.active()) {
+      std::printf("; awaiting migration %" PRIu64 " file(s), %.2f MB", s.awaiting.files,
+                  static_cast<double>(s.awaiting.bytes) / 1e6);
+    }
+    std::printf("\n");
+  }
+  if (local.configuredDisks() != 0 && !local.active()) {
+    std::printf("local disks none of the %zu configured can be opened (a running recorder holds them, or they are"
+                " missing)\n", local.configuredDisks());
+  } else if (local.active()) {
+    std::printf("local disks %zu configured\n", disks.size());
+    for (size_t i = 0; i < disks.size(); ++i) {
+      const CLocalView::Disk& d = disks[i];
+      if (!d.usable) {
+        std::printf("  %-3zu %s  not usable (another process holds it, or it is missing)\n", i, d.path.c_str());
+        continue;
+      }
+      std::printf("  %-3zu %s  usable, free %.1f GiB of %.1f GiB; awaiting migration %" PRIu64 " file(s), %.2f MB\n", i,
+                  d.path.c_str(), static_cast<double>(d.freeBytes) / (1u << 30),
+                  static_cast<double>(d.totalBytes) / (1u << 30), d.awaitingFiles,
+                  static_cast<double>(d.awaitingBytes) / 1e6);
+    }
   }
   return kExitOk;
 }

@@ -38,6 +38,7 @@ const char* const kMainHelp =
     "  unlock    unlock a time range\n"
     "  policy    apply a recycling policy (time or space) to a stream now\n"
     "  maintain  run one recycling pass now: policies, discarded streams, urgent space\n"
+    "  migrate   move the files waiting on local disks into the store now\n"
     "  discard   discard a stream: its recordings age out and its buckets go\n"
     "  delete    delete a time range of a stream, or all of it\n"
     "  info      capacity, free space, lock ratio, streams and their recorded span\n"
@@ -55,7 +56,7 @@ struct Command {
 const Command kCommands[] = {
     {"record", runRecord}, {"export", runExport}, {"clips", runClips},   {"files", runFiles},
     {"status", runStatus}, {"lock", runLock},     {"unlock", runUnlock}, {"policy", runPolicy},
-    {"delete", runDelete}, {"info", runInfo}, {"repair", runRepair}, {"maintain", runMaintain},
+    {"delete", runDelete}, {"info", runInfo}, {"repair", runRepair}, {"maintain", runMaintain}, {"migrate", runMigrate},
     {"discard", runDiscard}, {"stats", runStats}, {"timeline", runTimeline},
 };
 
