@@ -526,8 +526,9 @@ int32_t CStreamWriter::writeGathered(std::unique_ptr<FrameItem> first) {
   } else if (taken > 0) {
     m_zeroWriteCount = 0;
   }
-  // Whole frames are done; the first one the store took only part of (or
-  // none, or all after a fault: then discarded) resumes as the current item.
+  // Frames taken whole are done. The first one taken in part, or not at all,
+  // resumes as the current item and the rest go back in order; after a fault
+  // none is kept.
   size_t i = 0;
   for (; i < m_gather.size(); ++i) {
     FrameItem& item = *m_gather[i];

@@ -11,7 +11,9 @@
 //   async  writeFrame copies the frame into a cache of at most 100 frames and
 //          returns at once (-2 when full); a writer-queue thread writes at most
 //          25 frames per pass and gives a pass up when the store takes nothing,
-//          so one slow stream never holds a queue thread.
+//          so one slow stream never holds a queue thread. The frames of a pass
+//          up to each key frame reach the store in one gathered write; the
+//          copy into the cache is the only copy of a frame's bytes.
 //
 // Results: 0 taken (or deliberately dropped), -2 cache full, -3 file fault.
 // File fault is one-way: after a write error or a failed file creation every
