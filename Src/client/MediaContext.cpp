@@ -10,6 +10,10 @@
 
 namespace Velto::Zarn {
 
+namespace {
+constexpr uint32_t kWriterBatchDelayMs = 2;
+}  // namespace
+
 CMediaContext& CMediaContext::instance() {
   // Deliberately leaked: engines and timers may still run while static
   // destructors do, and must find the context intact.
@@ -46,7 +50,10 @@ void CMediaContext::startStatistics(const void* owner, std::function<void(StoreG
 void CMediaContext::stopStatistics(const void* owner) { m_stats->clearGaugeProvider(owner); }
 
 CWorkQueue& CMediaContext::writerQueue() {
-  std::call_once(m_writerQueueOnce, [this] { m_writerQueue = std::make_unique<CWorkQueue>(20, true); });
+  // Writer runs are short (a pass over a few cached frames): waking a thread
+  // for each would cost more than the run. Frames wait at most a few ms more.
+  std::call_once(m_writerQueueOnce,
+                 [this] { m_writerQueue = std::make_unique<CWorkQueue>(20, true, kWriterBatchDelayMs); });
   return *m_writerQueue;
 }
 

@@ -90,6 +90,7 @@ int32_t CStreamWriter::writeFrame(const VeltoFrame* frame, uint32_t frameTime, u
         item->bytes.assign(frame->frame, frame->frame + head.length);
         item->writtenBytes = 0;
         item->screened = false;
+        item->timed = false;
         item->frameTime = frameTime;
         m_framesBuf4Cache.push_back(std::move(item));
         taken = true;
@@ -110,8 +111,10 @@ int32_t CStreamWriter::writeFrame(const VeltoFrame* frame, uint32_t frameTime, u
   const Screen screen = screenFrame(head, frame->frame, frameTime);
   if (screen == Screen::Fault) return -3;
   if (screen == Screen::Drop) return 0;
+  const bool indexed = needsIndexEntry(head);
   uint32_t done = 0;
-  if (writeFrameBytes(frame->frame, frameTime, done, true) != 0) return -3;
+  if (writeFrameBlk(frame->frame, head.length, done, true, frameTime) != 0) return -3;
+  recordWritten(head, advanceLastTime(head, frameTime), indexed, m_curFile->length() - head.length);
   written = head.length;
   return 0;
 }
@@ -131,19 +134,13 @@ CStreamWriter::Screen CStreamWriter::screenFrame(const VeltoFrameHead& head, con
   return checkFrame(head, frameBytes) ? Screen::Write : Screen::Drop;
 }
 
-int32_t CStreamWriter::writeFrameBytes(const uint8_t* frameBytes, uint32_t frameTime, uint32_t& done, bool blocking) {
-  const VeltoFrameHead& head = *reinterpret_cast<const VeltoFrameHead*>(frameBytes);
-  int32_t result = writeBlk(frameBytes, head.length, done, blocking);
-  if (result == -3 && failOver(frameTime)) {
-    done = 0;  // the whole frame again, into the new file
-    result = writeBlk(frameBytes, head.length, done, blocking);
-  }
-  if (result == -3) setBackgroundError(-3);
-  if (result == 0) {
-    afterWrite(head, frameTime);
-    m_env.stats.addStreamBytes(head.length);
-  }
-  return result;
+bool CStreamWriter::needsIndexEntry(const VeltoFrameHead& head) const {
+  return isKeyFrame(head.type, head.subType) || m_svcLayerFlag == 0;
+}
+
+void CStreamWriter::finishItem(FrameItem& item, uint64_t position) {
+  if (!item.timed) item.recordTime = advanceLastTime(item.head(), item.frameTime);
+  recordWritten(item.head(), item.recordTime, item.indexed, position);
 }
 
 void CStreamWriter::recycle(std::unique_ptr<FrameItem> item) {
@@ -377,6 +374,17 @@ bool CStreamWriter::checkFrame(const VeltoFrameHead& head, const uint8_t* frameB
   return false;
 }
 
+int32_t CStreamWriter::writeFrameBlk(const uint8_t* bytes, uint32_t length, uint32_t& done, bool blocking,
+                                     uint32_t frameTime) {
+  int32_t result = writeBlk(bytes, length, done, blocking);
+  if (result == -3 && failOver(frameTime)) {
+    done = 0;  // the whole frame again, into the new file
+    result = writeBlk(bytes, length, done, blocking);
+  }
+  if (result == -3) setBackgroundError(-3);
+  return result;
+}
+
 int32_t CStreamWriter::writeBlk(const uint8_t* bytes, uint32_t length, uint32_t& done, bool blocking) {
   int64_t failed = -1;  // the failing store call's result
   const TransferResult result =
@@ -391,7 +399,7 @@ int32_t CStreamWriter::writeBlk(const uint8_t* bytes, uint32_t length, uint32_t&
   return -3;
 }
 
-void CStreamWriter::afterWrite(const VeltoFrameHead& head, uint32_t frameTime) {
+uint32_t CStreamWriter::advanceLastTime(const VeltoFrameHead& head, uint32_t frameTime) {
   uint32_t time = frameTime;
   if (m_timeHopping) {
     // The frame's own time is not trusted during a hop: advance by the source's
@@ -407,10 +415,13 @@ void CStreamWriter::afterWrite(const VeltoFrameHead& head, uint32_t frameTime) {
     m_lastMsStamp = head.msStamp;
   }
   m_curFileLastTime = time;
+  return time;
+}
+
+void CStreamWriter::recordWritten(const VeltoFrameHead& head, uint32_t time, bool indexed, uint64_t position) {
   m_curFile->setLastTime(time);
-  if (isKeyFrame(head.type, head.subType) || m_svcLayerFlag == 0) {
-    m_curFile->addIndex(head.type, head.subType, time, head.length);
-  }
+  if (indexed) m_curFile->addIndexAt(head.type, head.subType, time, head.length, position);
+  m_env.stats.addStreamBytes(head.length);
 }
 
 int32_t CStreamWriter::flushFrame() {
@@ -484,15 +495,87 @@ bool CStreamWriter::doWriteFrame(bool flushAll) {
         continue;
       }
       item->screened = true;
+      item->indexed = needsIndexEntry(item->head());
     }
-    result = writeFrameBytes(item->bytes.data(), item->frameTime, item->writtenBytes, flushAll);
+    if (item->writtenBytes == 0 && !item->timed && !m_framesBuf4Write.empty()) {
+      result = writeGathered(std::move(item));
+      continue;
+    }
+    result = writeFrameBlk(item->bytes.data(), item->head().length, item->writtenBytes, flushAll, item->frameTime);
     if (result == -2) {
       m_curFrameItem = std::move(item);
       break;
     }
+    if (result == 0) finishItem(*item, m_curFile->length() - item->head().length);
     recycle(std::move(item));
   }
   return !flushAll && m_curFrameItem != nullptr && result == -2;
+}
+
+int32_t CStreamWriter::writeGathered(std::unique_ptr<FrameItem> first) {
+  // Frames up to the next key frame go together: only a key frame may cut the
+  // file, and its cut decision needs the file's length with everything before
+  // it written. The others are screened here, each after the one before it has
+  // moved the file's last time, as if each had been written on its own.
+  first->recordTime = advanceLastTime(first->head(), first->frameTime);
+  first->timed = true;
+  m_gather.push_back(std::move(first));
+  while (m_gather.size() < kMaxGather && !m_framesBuf4Write.empty() &&
+         !isCutKey(m_framesBuf4Write.front()->head().type)) {
+    std::unique_ptr<FrameItem> item = std::move(m_framesBuf4Write.front());
+    m_framesBuf4Write.pop_front();
+    item->writtenBytes = 0;
+    const Screen screen = screenFrame(item->head(), item->bytes.data(), item->frameTime);
+    if (screen != Screen::Write) {
+      recycle(std::move(item));
+      if (screen == Screen::Fault) break;
+      continue;
+    }
+    item->screened = true;
+    item->indexed = needsIndexEntry(item->head());
+    item->recordTime = advanceLastTime(item->head(), item->frameTime);
+    item->timed = true;
+    m_gather.push_back(std::move(item));
+  }
+  m_slices.clear();
+  for (const auto& item : m_gather) m_slices.push_back(StoreSlice{item->bytes.data(), item->head().length});
+  uint64_t position = m_curFile ? m_curFile->length() : 0;
+  int64_t taken = m_curFile ? m_curFile->writeGather(m_slices.data(), static_cast<uint32_t>(m_slices.size())) : -1;
+  if (taken < 0 && failOver(m_gather.front()->frameTime)) {
+    position = m_curFile->length();
+    taken = m_curFile->writeGather(m_slices.data(), static_cast<uint32_t>(m_slices.size()));
+  }
+  int32_t result = 0;
+  if (taken < 0) {
+    WLOG(ERROR, "Fault: write error: ret = %d; %d: %s.\n", static_cast<int>(taken), getLastError(), getErrorMsg());
+    setBackgroundError(-3);
+    result = -3;
+    taken = 0;
+  } else if (taken > 0) {
+    m_zeroWriteCount = 0;
+  }
+  // Frames taken whole are done. The first one taken in part, or not at all,
+  // resumes as the current item and the rest go back in order; after a fault
+  // none is kept.
+  size_t i = 0;
+  for (; i < m_gather.size(); ++i) {
+    FrameItem& item = *m_gather[i];
+    const uint32_t length = item.head().length;
+    if (static_cast<uint64_t>(taken) < length) break;
+    taken -= length;
+    finishItem(item, position);
+    position += length;
+    recycle(std::move(m_gather[i]));
+  }
+  if (i < m_gather.size() && result == 0) {
+    m_gather[i]->writtenBytes = static_cast<uint32_t>(taken);
+    for (size_t j = m_gather.size(); j-- > i + 1;) m_framesBuf4Write.push_front(std::move(m_gather[j]));
+    m_curFrameItem = std::move(m_gather[i]);
+  } else {
+    for (; i < m_gather.size(); ++i) recycle(std::move(m_gather[i]));
+  }
+  m_gather.clear();
+  return result;
 }
 
 bool CStreamWriter::run() {

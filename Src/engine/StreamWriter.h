@@ -11,7 +11,9 @@
 //   async  writeFrame copies the frame into a cache of at most 100 frames and
 //          returns at once (-2 when full); a writer-queue thread writes at most
 //          25 frames per pass and gives a pass up when the store takes nothing,
-//          so one slow stream never holds a queue thread.
+//          so one slow stream never holds a queue thread. The frames of a pass
+//          up to each key frame reach the store in one gathered write; the
+//          copy into the cache is the only copy of a frame's bytes.
 //
 // Results: 0 taken (or deliberately dropped), -2 cache full, -3 file fault.
 // File fault is one-way: after a write error or a failed file creation every
@@ -55,6 +57,7 @@ class CStreamWriter : public CAsyncEngine {
   static constexpr size_t kCacheFrames = 100;     // async cache bound
   static constexpr size_t kFramesPerPass = 25;    // frames a worker pass takes over
   static constexpr size_t kItemPoolSize = 8;      // written frame items kept for reuse
+  static constexpr size_t kMaxGather = 32;        // frames of one gathered store write
   static constexpr uint32_t kTimeHopSeconds = 601;
   static constexpr int32_t kMaxCutsInProgress = 10;
   static constexpr uint32_t kForceCutWaitMs = 10000;
@@ -95,6 +98,9 @@ class CStreamWriter : public CAsyncEngine {
     uint32_t frameTime = 0;
     uint32_t writtenBytes = 0;   // of the current item only
     bool screened = false;       // passed cut decision and checkFrame (a resumed item is not screened again)
+    bool indexed = false;        // gets an index entry once written (decided when screened)
+    bool timed = false;          // recordTime is set: the file's last time has moved past it
+    uint32_t recordTime = 0;     // the time the frame is recorded under
     const VeltoFrameHead& head() const { return *reinterpret_cast<const VeltoFrameHead*>(bytes.data()); }
   };
 
@@ -107,9 +113,20 @@ class CStreamWriter : public CAsyncEngine {
   // Before a frame's first byte: the file it goes to (the first one created,
   // or the current one cut at a key frame) and the sequence rules.
   Screen screenFrame(const VeltoFrameHead& head, const uint8_t* frameBytes, uint32_t frameTime);
-  // Writes bytes[done, length) of a screened frame and, once it is whole, its
-  // index entry. 0 complete, -2 the store took nothing (non-blocking), -3 fault.
-  int32_t writeFrameBytes(const uint8_t* frameBytes, uint32_t frameTime, uint32_t& done, bool blocking);
+  // Whether a screened frame gets an index entry (read right after screening:
+  // the next screening changes the SVC state).
+  bool needsIndexEntry(const VeltoFrameHead& head) const;
+  // The time a frame is recorded under; moves the file's last time to it. Runs
+  // once per frame, in frame order, before the next frame is screened.
+  uint32_t advanceLastTime(const VeltoFrameHead& head, uint32_t frameTime);
+  // A frame written whole: the file's last time and its index entry.
+  // `position`: where the frame starts in the file's data.
+  void recordWritten(const VeltoFrameHead& head, uint32_t time, bool indexed, uint64_t position);
+  void finishItem(FrameItem& item, uint64_t position);
+  // Writes the screened, untouched `first` and the frames after it up to the
+  // next key frame in one store call. Frames the store did not take go back
+  // (the one it took part of as m_curFrameItem). 0 or -3.
+  int32_t writeGathered(std::unique_ptr<FrameItem> first);
   bool couldCutFile(const VeltoFrameHead& head, uint32_t frameTime);
   void cutFile(uint32_t frameTime);
   bool createFile(uint32_t startTime, bool asNext);
@@ -125,11 +142,13 @@ class CStreamWriter : public CAsyncEngine {
   // 0 complete, -2 the store took nothing (non-blocking), -3 fault (the
   // caller decides whether the fault is the writer's).
   int32_t writeBlk(const uint8_t* bytes, uint32_t length, uint32_t& done, bool blocking);
+  // writeBlk for a frame whose time is `frameTime`: a fault fails over to a
+  // new file (and the whole frame goes there) or becomes the writer's fault.
+  int32_t writeFrameBlk(const uint8_t* bytes, uint32_t length, uint32_t& done, bool blocking, uint32_t frameTime);
   // After a write fault: with a local-disk store and a store fault, closes the
   // current file as it stands and creates a new one at `frameTime` (on a local
   // disk while the store is failed). false: the fault stands.
   bool failOver(uint32_t frameTime);
-  void afterWrite(const VeltoFrameHead& head, uint32_t frameTime);
   // One worker pass; true when it gave up because the store took nothing.
   bool doWriteFrame(bool flushAll);
   bool ensureBucket();
@@ -157,6 +176,8 @@ class CStreamWriter : public CAsyncEngine {
   // Written items kept for the next frames, so a steady stream reuses its
   // buffers instead of faulting in fresh heap pages for every frame.
   std::vector<std::unique_ptr<FrameItem>> m_itemPool;        // guarded by m_cacheMutex
+  std::vector<std::unique_ptr<FrameItem>> m_gather;          // worker only; kept for its capacity
+  std::vector<StoreSlice> m_slices;                          // worker only; kept for its capacity
 
   uint32_t m_zeroWriteCount = 0;  // store calls in a row that took nothing
   bool m_lastPassBlocked = false;  // worker only

@@ -154,9 +154,27 @@ int64_t CRecordFile::write(const void* buffer, uint32_t length) {
   return n;
 }
 
-void CRecordFile::addIndex(uint8_t type, uint8_t subType, uint32_t frameTime, uint32_t frameLength) {
+int64_t CRecordFile::writeGather(const StoreSlice* slices, uint32_t count) {
   requireMode(MODE_WRITE);
-  m_index->addIndex(IndexEntry::make(type, subType, frameTime, frameLength, m_dataLength - frameLength));
+  if (!m_file) return -1;
+  int64_t n = m_file->writeGather(slices, count);
+  if (n > 0) {
+    m_dataLength += static_cast<uint64_t>(n);
+  } else if (n < 0 && m_dataLength == 0) {
+    m_emptyFile = true;
+    ZLOG(ERROR, "CRecordFile", getLastError(), "Write failed. empty file need clear\n");
+  }
+  return n;
+}
+
+void CRecordFile::addIndex(uint8_t type, uint8_t subType, uint32_t frameTime, uint32_t frameLength) {
+  addIndexAt(type, subType, frameTime, frameLength, m_dataLength - frameLength);
+}
+
+void CRecordFile::addIndexAt(uint8_t type, uint8_t subType, uint32_t frameTime, uint32_t frameLength,
+                             uint64_t position) {
+  requireMode(MODE_WRITE);
+  m_index->addIndex(IndexEntry::make(type, subType, frameTime, frameLength, position));
 }
 
 void CRecordFile::setLastTime(uint32_t time) {

@@ -99,8 +99,13 @@ class CRecordFile : public IFileListener {
 
   // Write mode: bytes taken, or -1 (store error in getLastError).
   int64_t write(const void* buffer, uint32_t length);
+  // Write mode: appends the slices in one store call where it can; as write().
+  int64_t writeGather(const StoreSlice* slices, uint32_t count);
   // Write mode: records a key frame just written whole (D already counts it).
   void addIndex(uint8_t type, uint8_t subType, uint32_t frameTime, uint32_t frameLength);
+  // Write mode: records a key frame written whole at byte `position` of the
+  // data (D counts it already; frames after it may be counted too).
+  void addIndexAt(uint8_t type, uint8_t subType, uint32_t frameTime, uint32_t frameLength, uint64_t position);
   // Write mode: the time of the last frame written.
   void setLastTime(uint32_t time);
 

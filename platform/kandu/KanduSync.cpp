@@ -4,6 +4,10 @@
 
 namespace Velto::Kandu {
 
+void CCondition::wait(CMutex& mutex, uint32_t timeoutMs) {
+  m_cond.wait_for(mutex, std::chrono::milliseconds(timeoutMs));
+}
+
 void CSemaphore::post() {
   {
     std::lock_guard<std::mutex> lock(m_mutex);

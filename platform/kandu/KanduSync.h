@@ -72,6 +72,23 @@ class CWriteLock {
   CReadWriteMutex& m_mutex;
 };
 
+// Condition variable over a CMutex that the waiter holds exactly once.
+class CCondition {
+ public:
+  CCondition() = default;
+  CCondition(const CCondition&) = delete;
+  CCondition& operator=(const CCondition&) = delete;
+
+  // Releases `mutex`, waits until notified or timeoutMs have passed, and holds
+  // `mutex` again on return. Wake-ups may be spurious: callers re-test their state.
+  void wait(CMutex& mutex, uint32_t timeoutMs);
+  void notifyOne() { m_cond.notify_one(); }
+  void notifyAll() { m_cond.notify_all(); }
+
+ private:
+  std::condition_variable_any m_cond;
+};
+
 // Counting semaphore.
 class CSemaphore {
  public:

@@ -110,6 +110,13 @@ void sleepMs(uint32_t ms) {
   }
 }
 
+unsigned processorCount() {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (::sched_getaffinity(0, sizeof(set), &set) == 0) return std::max(1, CPU_COUNT(&set));
+  return std::max(1u, std::thread::hardware_concurrency());
+}
+
 uint64_t currentThreadId() { return static_cast<uint64_t>(::gettid()); }
 
 uint32_t currentProcessId() { return static_cast<uint32_t>(::getpid()); }

@@ -47,6 +47,8 @@ bool startNamedThread(NativeThread& out, const std::string& name, int stackKb, s
 // Sleeps the calling thread; 0 yields.
 void sleepMs(uint32_t ms);
 uint64_t currentThreadId();
+// Processors this process may run on (at least 1).
+unsigned processorCount();
 uint32_t currentProcessId();
 
 // A thread running an overridden procedure. Derived classes must call destroy()

@@ -26,6 +26,10 @@ class CStoreSideFile : public IStoreFile {
     if (!m_disks->storeUsable()) return ZARN_E_UNAVAILABLE;
     return noted(m_file->write(buffer, length));
   }
+  int64_t writeGather(const StoreSlice* slices, uint32_t count) override {
+    if (!m_disks->storeUsable()) return ZARN_E_UNAVAILABLE;
+    return noted(m_file->writeGather(slices, count));
+  }
   int64_t seek(int64_t offset, int origin) override { return noted(m_file->seek(offset, origin)); }
   int64_t tell() override { return noted(m_file->tell()); }
   int stat(StoreFileStat& out) override { return static_cast<int>(noted(m_file->stat(out))); }

@@ -64,6 +64,12 @@ struct StoreLayout {
   uint16_t parityShards = 1;
 };
 
+// One piece of a gathered write.
+struct StoreSlice {
+  const void* data = nullptr;
+  uint32_t length = 0;
+};
+
 class IStoreFile {
  public:
   virtual ~IStoreFile() = default;
@@ -72,6 +78,20 @@ class IStoreFile {
   virtual int64_t read(void* buffer, uint32_t length) = 0;
   // Appends; bytes taken (may be fewer than asked, even 0).
   virtual int64_t write(const void* buffer, uint32_t length) = 0;
+  // Appends the slices in order as one write where the backend can (one system
+  // call instead of one per slice); bytes taken, which may end inside any
+  // slice (even 0). A failure after some bytes were taken reports those bytes;
+  // the next call reports the failure. This default writes slice by slice.
+  virtual int64_t writeGather(const StoreSlice* slices, uint32_t count) {
+    int64_t total = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+      const int64_t n = write(slices[i].data, slices[i].length);
+      if (n < 0) return total > 0 ? total : n;
+      total += n;
+      if (static_cast<uint64_t>(n) < slices[i].length) break;
+    }
+    return total;
+  }
   // origin 0 begin, 1 current, 2 end; the new position.
   virtual int64_t seek(int64_t offset, int origin) = 0;
   virtual int64_t tell() = 0;

@@ -118,6 +118,9 @@ class CFile {
   // Appends; bytes taken (may be fewer than asked, even 0), -1 on failure.
   // Write mode only.
   int64_t write(const void* buffer, uint32_t length);
+  // Appends the slices in order, in one store call where the backend can; bytes
+  // taken (may end inside any slice, even 0), -1 on failure. Write mode only.
+  int64_t writeGather(const StoreSlice* slices, uint32_t count);
   // origin 0 begin, 1 current, 2 end. The new position, -1 on failure.
   int64_t seek(int64_t offset, int origin);
   int64_t tell();

@@ -76,6 +76,14 @@ int64_t CFile::write(const void* buffer, uint32_t length) {
   return n;
 }
 
+int64_t CFile::writeGather(const StoreSlice* slices, uint32_t count) {
+  if (!usable(false, true)) return -1;
+  int64_t n = m_file->writeGather(slices, count);
+  if (n < 0) return fail(static_cast<int32_t>(n));
+  noteResult(ZARN_OK);
+  return n;
+}
+
 int64_t CFile::seek(int64_t offset, int origin) {
   if (!usable(false, false)) return -1;
   if (origin < 0 || origin > 2) {

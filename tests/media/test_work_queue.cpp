@@ -113,39 +113,48 @@ TEST(WorkQueue, PassingTheItemMutexWaitsForARunningExecute) {
   EXPECT_EQ(item.m_running.load(), 0);
 }
 
+// Queues that wake a thread per submission, and queues that batch wake-ups.
+constexpr uint32_t kBatchDelays[] = {0, 2};
+
 TEST(WorkQueue, AnItemSubmittedByABusyRunStillRunsWhileThatRunLasts) {
   // The first item submits the next from inside its run, then keeps its thread
   // until the next has run: an item left to a busy thread is run by another.
-  std::atomic<bool> nextRan{false}, submitted{false};
-  FnItem next([&] { nextRan = true; });
-  CWorkQueue queue(2, true);
-  FnItem first([&] {
-    submitted = queue.submit(&next);
-    for (int i = 0; i < 10000 && !nextRan.load(); ++i) Velto::Kandu::sleepMs(1);
-  });
-  ASSERT_TRUE(queue.submit(&first));
-  ASSERT_TRUE(waitFor([&] { return nextRan.load(); }));
-  queue.destroy();  // joins: the first run has stored what its submit returned
-  EXPECT_TRUE(submitted.load());
+  for (uint32_t delay : kBatchDelays) {
+    SCOPED_TRACE(delay);
+    std::atomic<bool> nextRan{false}, submitted{false};
+    FnItem next([&] { nextRan = true; });
+    CWorkQueue queue(2, true, delay);
+    FnItem first([&] {
+      submitted = queue.submit(&next);
+      for (int i = 0; i < 10000 && !nextRan.load(); ++i) Velto::Kandu::sleepMs(1);
+    });
+    ASSERT_TRUE(queue.submit(&first));
+    ASSERT_TRUE(waitFor([&] { return nextRan.load(); }));
+    queue.destroy();  // joins: the first run has stored what its submit returned
+    EXPECT_TRUE(submitted.load());
+  }
 }
 
 TEST(WorkQueue, ManyShortSubmissionsAllRunOnce) {
   // Items resubmitted from their own runs while others are submitted from
   // outside: each runs once per submission, whichever thread takes it.
-  std::atomic<int> runs{0};
-  CWorkQueue queue(4, true);
-  std::vector<std::unique_ptr<FnItem>> items;
-  std::vector<int> again(50, 9);
-  for (int i = 0; i < 50; ++i) {
-    items.push_back(std::make_unique<FnItem>([&, i] {
-      ++runs;
-      if (again[i]-- > 0) queue.submit(items[i].get());
-    }));
+  for (uint32_t delay : kBatchDelays) {
+    SCOPED_TRACE(delay);
+    std::atomic<int> runs{0};
+    CWorkQueue queue(4, true, delay);
+    std::vector<std::unique_ptr<FnItem>> items;
+    std::vector<int> again(50, 9);
+    for (int i = 0; i < 50; ++i) {
+      items.push_back(std::make_unique<FnItem>([&, i] {
+        ++runs;
+        if (again[i]-- > 0) queue.submit(items[i].get());
+      }));
+    }
+    for (auto& item : items) ASSERT_TRUE(queue.submit(item.get()));
+    ASSERT_TRUE(waitFor([&] { return runs.load() >= 500 && queue.pendingCount() == 0; }));
+    queue.destroy();  // joins the threads: every run begun has ended
+    EXPECT_EQ(runs.load(), 500);
   }
-  for (auto& item : items) ASSERT_TRUE(queue.submit(item.get()));
-  ASSERT_TRUE(waitFor([&] { return runs.load() >= 500 && queue.pendingCount() == 0; }));
-  queue.destroy();  // joins the threads: every run begun has ended
-  EXPECT_EQ(runs.load(), 500);
 }
 
 TEST(WorkQueue, DestroyDropsPendingItemsAndRefusesNewOnes) {

@@ -9,6 +9,7 @@
 //   create PATH         createFile; the slot holds the new file
 //   open PATH r|w       openFile; the slot holds the file
 //   write TEXT          appends TEXT (the rest of the line, spaces included): "ok N"
+//   writev A|B|...      appends the pieces with one gathered write: "ok N"
 //   read [N]            up to N bytes (default 4096): "ok N BYTES", "ok 0" at the
 //                       end of a file being written
 //   seek OFFSET ORIGIN  "ok POSITION"; tell: "ok POSITION"
@@ -28,6 +29,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "ZarnClient.h"
 
@@ -96,6 +98,15 @@ class CStoreCommands {
     }
     if (!file) return failed(ZARN_E_BAD_MODE);  // the verbs below act on the held file
     if (verb == "write") return number(file->write(rest.data(), static_cast<uint32_t>(rest.size())));
+    if (verb == "writev") {  // one gathered write of the '|'-separated pieces
+      std::vector<StoreSlice> slices;
+      for (size_t at = 0; at <= rest.size();) {
+        const size_t end = std::min(rest.find('|', at), rest.size());
+        slices.push_back(StoreSlice{rest.data() + at, static_cast<uint32_t>(end - at)});
+        at = end + 1;
+      }
+      return number(file->writeGather(slices.data(), static_cast<uint32_t>(slices.size())));
+    }
     if (verb == "read") {
       std::string buf(a.empty() ? 4096 : std::stoul(a), '\0');
       const int64_t n = file->read(buf.data(), static_cast<uint32_t>(buf.size()));

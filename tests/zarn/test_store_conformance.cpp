@@ -399,13 +399,13 @@ const Step kWriterAndReaders[] = {
     {'W', "create $", "ok"}, {'W', "write hello", "ok 5"}, {'R', "stat $", "ok 5 1"},
     {'2', "open $ w", err(ZARN_E_BUSY)}, {'R', "open $ r", "ok"}, {'R', "read", "ok 5 hello"},
     {'R', "read", "ok 0"} /* at the end, but more may come */, {'R', "fstat", "ok 5 1"},
-    {'W', "write  more", "ok 5"}, {'R', "read", "ok 5  more", true}, {'R', "read", "ok 0"},
+    {'W', "writev  m|or|e", "ok 5"}, {'R', "read", "ok 5  more", true}, {'R', "read", "ok 0"},
     {'R', "stat $", "ok 10 1"},
     // Written just before the close, which makes it visible.
     {'W', "write  world", "ok 6"}, {'W', "close", "ok"}, {'R', "read", "ok 6  world"},
     {'R', "read", err(ZARN_E_EOF)}, {'R', "stat $", "ok 16 0"},
     // Reopened in R's process, the file appends and is claimed again; an end once seen is not final.
-    {'2', "open $ w", "ok"}, {'2', "write !", "ok 1"}, {'2', "tell", "ok 17"}, {'W', "stat $", "ok 17 1"},
+    {'2', "open $ w", "ok"}, {'2', "writev !", "ok 1"}, {'2', "tell", "ok 17"}, {'W', "stat $", "ok 17 1"},
     {'W', "open $ w", err(ZARN_E_BUSY)}, {'R', "read", "ok 1 !", true}, {'R', "read", "ok 0"}, {'2', "close", "ok"},
     {'R', "seek 6 0", "ok 6"}, {'R', "read 4", "ok 4 more"}, {'R', "tell", "ok 10"}, {'R', "seek -2 2", "ok 15"},
     {'R', "seek 1 1", "ok 16"}, {'R', "read 4", "ok 1 !"}, {'R', "seek -100 0", err(ZARN_E_INVALID_ARGUMENT)},
