@@ -72,6 +72,10 @@ struct FileSystemImpl {
   uint64_t capacityLimit = 0;
   int32_t healthPeriodMs = kDefaultHealthPeriodMs;
   IZarnListener* listener = nullptr;
+  // Held while a listener is told a state: setListener waits on it, so a
+  // listener removed is never called afterwards. Recursive: a listener may
+  // replace itself from its own notification.
+  std::recursive_mutex notifying;
 
   std::atomic<int32_t> state{ZARN_STATE_FAILED};
   Kandu::CTimer monitor{"ZarnStateMonitor"};
@@ -117,6 +121,7 @@ void monitorRun(CZarnFileSystem* owner, detail::FileSystemImpl& impl) {
   } else {
     ZLOG_LINE(Kandu::LOG_INFO, 0, "CZarnFileSystem", "store usable again");
   }
+  std::lock_guard<std::recursive_mutex> notifying(impl.notifying);
   IZarnListener* listener;
   {
     std::lock_guard<std::mutex> lock(impl.mutex);
@@ -358,6 +363,13 @@ bool CZarnFileSystem::getOption(int32_t option, void* value, uint32_t& length) c
 }
 
 void CZarnFileSystem::setListener(IZarnListener* listener) {
+  {
+    // Setting the same listener again waits for nothing, so a caller that
+    // holds a lock its listener takes may repeat it.
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    if (m_impl->listener == listener) return;
+  }
+  std::lock_guard<std::recursive_mutex> notifying(m_impl->notifying);
   std::lock_guard<std::mutex> lock(m_impl->mutex);
   m_impl->listener = listener;
 }

@@ -187,7 +187,8 @@ class CZarnFileSystem {
 
   // The listener is told every change of the store's state (1 usable, 2 failed)
   // seen by the state monitor. null removes it. The listener must outlive the
-  // connection or be removed first.
+  // connection or be removed first; a change of listener waits for a
+  // notification under way, so a removed listener is not called afterwards.
   void setListener(IZarnListener* listener);
   // The state last seen by the monitor; ZARN_STATE_FAILED while not connected.
   ZarnState getState() const;
