@@ -20,7 +20,7 @@
 //
 //   bench_ceph [--address ceph://mon[:port][/path]] [--streams N] [--kbps N] [--fps N] [--gop N]
 //              [--seconds N] [--cut-seconds N] [--async] [--repeat N] [--settle-ms N] [--days N]
-//              [--queries N] [--no-ingest] [--no-listing]
+//              [--queries N] [--no-ingest] [--no-listing] [--no-calls] [--call-writes N] [--call-stats N]
 //
 // --address defaults to $ZARN_TEST_CEPH_ADDRESS; $ZARN_CEPH_CONF names the
 // cluster's ceph.conf for both mounts. --gop is the key-frame interval in
@@ -30,6 +30,9 @@
 // written under <path>/bench-ceph-<pid>-<time> and removed at the end. CPU is
 // this process's (both mounts' client threads included); the cluster's
 // daemons are not counted.
+//
+// Calls: what the store call time-out costs per call (BenchCephCalls.h),
+// --repeat rounds (at least 3) of --call-writes writes and --call-stats stats.
 //
 // The cut length reaches the library through MediaConfig.cfg, which it reads
 // from the working directory: the program runs in a private temporary working
@@ -55,6 +58,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchCephCalls.h"
 #include "BenchSupport.h"
 #include "KanduLog.h"
 #include "KanduTime.h"
@@ -87,6 +91,9 @@ struct Options {
   unsigned settleMs = 1000;
   bool ingest = true;
   bool listing = true;
+  bool calls = true;
+  unsigned callWrites = 20000;
+  unsigned callStats = 2000;
 };
 
 constexpr uint32_t kRecordFileSeconds = 1800;  // listing fill: 30-minute files
@@ -309,6 +316,9 @@ int main(int argc, char** argv) {
     else if (a == "--settle-ms") o.settleMs = args.number();
     else if (a == "--no-ingest") o.ingest = false;
     else if (a == "--no-listing") o.listing = false;
+    else if (a == "--no-calls") o.calls = false;
+    else if (a == "--call-writes") o.callWrites = args.number();
+    else if (a == "--call-stats") o.callStats = args.number();
     else {
       std::fprintf(stderr, "unknown argument %s (see the header of bench_ceph.cpp)\n", a.c_str());
       return 2;
@@ -362,6 +372,17 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::printf("store: ceph://%s%s (created for this run, removed at the end)\n", monitors.c_str(), benchRoot.c_str());
+
+  if (o.calls) {
+    const std::string callRoot = benchRoot + "/calls";
+    if (ceph_mkdirs(pm, callRoot.c_str(), 0755) != 0 ||
+        !ZarnBench::benchCephCalls(pm, "ceph://" + monitors + callRoot, callRoot, std::max(3u, o.repeat),
+                                   std::max(1u, o.callWrites), std::max(1u, o.callStats))) {
+      std::fprintf(stderr, "the call section failed\n");
+      removeTree(pm, benchRoot);
+      return 1;
+    }
+  }
 
   uint64_t refused = 0, failed = 0, queryFailures = 0;
   std::vector<double> latencyUs;

@@ -1,7 +1,7 @@
 // The CephFS backend's address and mount: parsing "mon[,mon...][/path]", the
 // client options (our defaults, then the operator's ceph.conf, then the address
 // and the key), connect and disconnect, and the unmount when the last handle
-// goes. The backend's other pieces are listed in CephStoreBackendImpl.h. How the
+// goes; CCephStoreBackend, these calls behind the deadline wrapper. The backend's other pieces are listed in CephStoreBackendImpl.h. How the
 // store's guarantees are kept on CephFS, and what a crash in the middle of a
 // two-step operation leaves, is in doc/ceph_store.md.
 #include "CephStoreBackendImpl.h"
@@ -95,7 +95,7 @@ bool setOption(ceph_mount_info* mount, const char* option, const std::string& va
 
 }  // namespace
 
-CCephStoreBackend::Shared::~Shared() {
+CCephDirectBackend::Shared::~Shared() {
   if (mount == nullptr) return;
   // A clean unmount hands our capabilities back and closes the session. A
   // session dropped without it goes stale, and the MDS makes every other
@@ -105,24 +105,24 @@ CCephStoreBackend::Shared::~Shared() {
   ceph_release(mount);
 }
 
-bool CCephStoreBackend::parseLocation(const std::string& location, std::string* reason) {
+bool CCephDirectBackend::parseLocation(const std::string& location, std::string* reason) {
   std::vector<Monitor> mons;
   std::string root;
   return parse(location, mons, root, reason);
 }
 
-CCephStoreBackend::CCephStoreBackend(const std::string& location) : m_shared(std::make_shared<Shared>()) {
+CCephDirectBackend::CCephDirectBackend(const std::string& location) : m_shared(std::make_shared<Shared>()) {
   if (!parse(location, m_shared->monitors, m_shared->root, nullptr)) {
     KLOG_ERROR("CCephStoreBackend: unchecked ceph location '%s'\n", location.c_str());
     std::abort();  // the factory checks the location first
   }
 }
 
-CCephStoreBackend::~CCephStoreBackend() = default;
+CCephDirectBackend::~CCephDirectBackend() = default;
 
-uint64_t CCephStoreBackend::clientId() const { return m_shared->clientId.load(); }
+uint64_t CCephDirectBackend::clientId() const { return m_shared->clientId.load(); }
 
-int CCephStoreBackend::connect(const Config& config) {
+int CCephDirectBackend::connect(const Config& config) {
   Shared& s = *m_shared;
   if (s.mount != nullptr) return ZARN_E_INVALID_ARGUMENT;  // connected once already
   const char* id = config.userName != nullptr && config.userName[0] != '\0' ? config.userName : nullptr;
@@ -204,10 +204,31 @@ int CCephStoreBackend::connect(const Config& config) {
   return 0;
 }
 
-void CCephStoreBackend::disconnect() { m_shared->connected.store(false); }
+void CCephDirectBackend::disconnect() { m_shared->connected.store(false); }
+
+CCephStoreBackend::CCephStoreBackend(const std::string& location)
+    : CDeadlineBackend(std::make_shared<CCephDirectBackend>(location)) {}
+
+CCephStoreBackend::~CCephStoreBackend() = default;
+
+bool CCephStoreBackend::parseLocation(const std::string& location, std::string* reason) {
+  return CCephDirectBackend::parseLocation(location, reason);
+}
+
+CCephDirectBackend& CCephStoreBackend::direct() const { return static_cast<CCephDirectBackend&>(*target()); }
+
+uint64_t CCephStoreBackend::clientId() const { return direct().clientId(); }
+
+std::string CCephStoreBackend::filePool(const std::string& bucket, const std::string& name) {
+  return direct().filePool(bucket, name);
+}
+
+uint64_t CCephStoreBackend::levelsRead() const { return direct().levelsRead(); }
+
+uint64_t CCephStoreBackend::levelCacheHits() const { return direct().levelCacheHits(); }
 
 int makeCephStoreBackend(const std::string& location, std::shared_ptr<IStoreBackend>& out, std::string* reason) {
-  if (!CCephStoreBackend::parseLocation(location, reason)) return ZARN_E_INVALID_ARGUMENT;
+  if (!CCephDirectBackend::parseLocation(location, reason)) return ZARN_E_INVALID_ARGUMENT;
   out = std::make_shared<CCephStoreBackend>(location);
   return 0;
 }

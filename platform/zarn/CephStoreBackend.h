@@ -28,6 +28,8 @@
 //   * a file created with k data and m parity shards goes to the data pool
 //     named "zarn_ec_<k>_<m>" when the operator has added one to the file system,
 //     else to the file system's default data pool (logged once per k+m).
+//   * the health probe: statfs (answered by the monitors) and the making and
+//     removal of a hidden directory (answered by the MDS).
 // Threading: thread-safe; one mount per backend object, shared with its file
 // handles, which stay usable after disconnect().
 #pragma once
@@ -36,14 +38,22 @@
 #include <memory>
 #include <string>
 
+#include "DeadlineBackend.h"
 #include "StoreBackend.h"
 
 namespace Velto::Zarn {
 
-class CCephStoreBackend : public IStoreBackend {
- public:
-  struct Shared;  // the mount and the state its file handles share (defined in CephStoreBackendImpl.h)
+class CCephDirectBackend;
 
+// Every call but connect and disconnect runs through the deadline wrapper
+// (DeadlineBackend.h): libcephfs waits without limit for an MDS or OSDs that
+// stopped answering (no client option bounds a metadata request; the monitors'
+// requests end after rados_mon_op_timeout, the mount after
+// client_mount_timeout), so a call the cluster does not answer within the
+// call time-out (ZARN_OPT_TIMEOUT_MS) returns ZARN_E_TIMEOUT and goes on on
+// its worker. The same mount serves again once the daemons are back.
+class CCephStoreBackend : public CDeadlineBackend {
+ public:
   // `location` is the address after "ceph://"; check it with parseLocation first.
   explicit CCephStoreBackend(const std::string& location);
   ~CCephStoreBackend() override;
@@ -51,41 +61,10 @@ class CCephStoreBackend : public IStoreBackend {
   // Checks "mon[,mon...][/path]"; on failure `reason` says what is wrong.
   static bool parseLocation(const std::string& location, std::string* reason);
 
-  int connect(const Config& config) override;
-  void disconnect() override;
-  // statfs (answered by the monitors) and the making and removal of a hidden
-  // directory (answered by the MDS), bounded by a time-out: a cluster that
-  // stopped answering reports ZARN_E_TIMEOUT instead of blocking the caller.
-  int probeHealth() override;
-  // Total and free from statfs. Without a cap, usedBytes and fileCount come from
-  // the root's recursive statistics (cheap; they lag writes by a few seconds).
-  // With a cap, as for the local store: used = a walk of the store every 2 s at
-  // most, adjusted by this process's writes and removals in between.
-  int capacity(StoreCapacity& out) override;
-  int setCapacityLimit(uint64_t bytes) override;
-
-  int createBucket(const std::string& bucket) override;
-  int removeBucket(const std::string& bucket) override;
-  int bucketExists(const std::string& bucket) override;
-  int listBuckets(std::vector<std::string>& out) override;
-  // The bucket directory's recursive byte count: cheap, a few seconds behind.
-  int bucketUsedBytes(const std::string& bucket, uint64_t& out) override;
-  int list(const std::string& bucket, const std::string& after, const std::string& upTo, uint32_t maxCount,
-           std::vector<StoreEntry>& out) override;
-
-  int createFile(const std::string& bucket, const std::string& name, const StoreLayout& layout,
-                 std::unique_ptr<IStoreFile>& out) override;
-  int openFile(const std::string& bucket, const std::string& name, StoreOpenMode mode,
-               std::unique_ptr<IStoreFile>& out) override;
-  int removeFile(const std::string& bucket, const std::string& name) override;
-  int renameFile(const std::string& fromBucket, const std::string& fromName, const std::string& toBucket,
-                 const std::string& toName) override;
-  int statFile(const std::string& bucket, const std::string& name, StoreFileStat& out) override;
-
   // The cluster's id of this client (the N of "client.N"), 0 before connect:
   // what an operator or a test names to evict it.
   uint64_t clientId() const;
-  // The data pool of a stored file ("" when it cannot be told).
+  // The data pool of a stored file ("" when it cannot be told). Not bounded.
   std::string filePool(const std::string& bucket, const std::string& name);
   // Test hooks: listing levels read from the file system, and served from the
   // cache of directory-only levels, since construction.
@@ -93,7 +72,7 @@ class CCephStoreBackend : public IStoreBackend {
   uint64_t levelCacheHits() const;
 
  private:
-  std::shared_ptr<Shared> m_shared;
+  CCephDirectBackend& direct() const;
 };
 
 // The "ceph" address scheme: checks the location and makes a backend.

@@ -1,5 +1,6 @@
 // Internal to the CephFS backend: what its pieces share. Included only by them:
-//   CephStoreBackend.cpp   the address, the mount options, connect and the mount's lifetime
+//   CephStoreBackend.cpp   the address, the mount options, connect and the mount's lifetime; the
+//                          guarded CCephStoreBackend over the direct calls
 //   CephStoreHealth.cpp    the health probe
 //   CephStoreListing.cpp   reading directory levels, the cache of directory-only levels, listings
 //   CephStoreBuckets.cpp   buckets, capacity and the recursive statistics
@@ -12,7 +13,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -28,6 +28,48 @@
 
 namespace Velto::Zarn {
 
+// The CephFS store's calls themselves, unbounded: CCephStoreBackend runs them
+// through its deadline wrapper. What each call does is documented on
+// CCephStoreBackend.
+class CCephDirectBackend : public IStoreBackend {
+ public:
+  struct Shared;  // the mount and the state its file handles share
+
+  explicit CCephDirectBackend(const std::string& location);
+  ~CCephDirectBackend() override;
+
+  static bool parseLocation(const std::string& location, std::string* reason);
+
+  int connect(const Config& config) override;
+  void disconnect() override;
+  int probeHealth() override;
+  int capacity(StoreCapacity& out) override;
+  int setCapacityLimit(uint64_t bytes) override;
+  int createBucket(const std::string& bucket) override;
+  int removeBucket(const std::string& bucket) override;
+  int bucketExists(const std::string& bucket) override;
+  int listBuckets(std::vector<std::string>& out) override;
+  int bucketUsedBytes(const std::string& bucket, uint64_t& out) override;
+  int list(const std::string& bucket, const std::string& after, const std::string& upTo, uint32_t maxCount,
+           std::vector<StoreEntry>& out) override;
+  int createFile(const std::string& bucket, const std::string& name, const StoreLayout& layout,
+                 std::unique_ptr<IStoreFile>& out) override;
+  int openFile(const std::string& bucket, const std::string& name, StoreOpenMode mode,
+               std::unique_ptr<IStoreFile>& out) override;
+  int removeFile(const std::string& bucket, const std::string& name) override;
+  int renameFile(const std::string& fromBucket, const std::string& fromName, const std::string& toBucket,
+                 const std::string& toName) override;
+  int statFile(const std::string& bucket, const std::string& name, StoreFileStat& out) override;
+
+  uint64_t clientId() const;
+  std::string filePool(const std::string& bucket, const std::string& name);
+  uint64_t levelsRead() const;
+  uint64_t levelCacheHits() const;
+
+ private:
+  std::shared_ptr<Shared> m_shared;
+};
+
 namespace detail {
 
 // A libcephfs result (-errno) as a store code.
@@ -40,13 +82,13 @@ struct Monitor {
 
 // A handle on the open file `fd` of the mount; a write handle holds its lock
 // (flock LOCK_EX) already. The handle closes `fd`.
-std::unique_ptr<IStoreFile> makeCephFile(std::shared_ptr<CCephStoreBackend::Shared> shared, int fd, bool forWrite);
+std::unique_ptr<IStoreFile> makeCephFile(std::shared_ptr<CCephDirectBackend::Shared> shared, int fd, bool forWrite);
 
 }  // namespace detail
 
 // The mount and the state its file handles share: it lives until the backend
 // and the last of its handles are gone, and unmounts then.
-struct CCephStoreBackend::Shared {
+struct CCephDirectBackend::Shared {
   std::vector<detail::Monitor> monitors;
   std::string root;  // absolute path in CephFS without a trailing '/'; "" is the file system's root
 
@@ -59,14 +101,6 @@ struct CCephStoreBackend::Shared {
   std::atomic<uint64_t> levelCacheHits{0};  // listing levels served from levelCache
   std::atomic<uint64_t> capacityLimit{0};
   CCappedUsage usage;  // used bytes while capacityLimit is set
-
-  // One health probe runs at a time, on its own thread, so that a cluster that
-  // stopped answering blocks that thread and not the caller.
-  std::mutex probeMutex;
-  std::condition_variable probeDone;
-  bool probeRunning = false;            // guarded by probeMutex
-  uint64_t probeSerial = 0;             // guarded by probeMutex; counts finished probes
-  int probeResult = 0;                  // guarded by probeMutex
 
   // Creates and renames hold this shared from making a level until their file
   // is linked into it; pruning takes it exclusive, and only if free. Without

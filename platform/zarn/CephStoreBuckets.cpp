@@ -19,7 +19,7 @@ namespace Velto::Zarn {
 
 using detail::translate;
 
-void CCephStoreBackend::Shared::sumTree(const std::string& path, uint64_t& bytes, uint64_t& files) {
+void CCephDirectBackend::Shared::sumTree(const std::string& path, uint64_t& bytes, uint64_t& files) {
   std::vector<LevelEntry> entries;
   if (!readLevel(path, entries)) return;  // vanished under us: nothing to count
   for (const LevelEntry& e : entries) {
@@ -32,7 +32,7 @@ void CCephStoreBackend::Shared::sumTree(const std::string& path, uint64_t& bytes
   }
 }
 
-int CCephStoreBackend::Shared::dirStatistic(const std::string& path, const char* name, uint64_t& out) {
+int CCephDirectBackend::Shared::dirStatistic(const std::string& path, const char* name, uint64_t& out) {
   char buf[32];
   int n = ceph_getxattr(mount, path.c_str(), name, buf, sizeof buf - 1);
   if (n < 0) return n;
@@ -41,12 +41,12 @@ int CCephStoreBackend::Shared::dirStatistic(const std::string& path, const char*
   return 0;
 }
 
-int CCephStoreBackend::setCapacityLimit(uint64_t bytes) {
+int CCephDirectBackend::setCapacityLimit(uint64_t bytes) {
   m_shared->capacityLimit.store(bytes);
   return 0;
 }
 
-int CCephStoreBackend::capacity(StoreCapacity& out) {
+int CCephDirectBackend::capacity(StoreCapacity& out) {
   REQUIRE_CONNECTED();
   Shared& s = *m_shared;
   struct statvfs vfs;
@@ -77,7 +77,7 @@ int CCephStoreBackend::capacity(StoreCapacity& out) {
   return 0;
 }
 
-int CCephStoreBackend::createBucket(const std::string& bucket) {
+int CCephDirectBackend::createBucket(const std::string& bucket) {
   REQUIRE_CONNECTED();
   int rc = ceph_mkdir(m_shared->mount, m_shared->bucketPath(bucket).c_str(), 0755);
   if (rc == 0) return 0;
@@ -88,7 +88,7 @@ int CCephStoreBackend::createBucket(const std::string& bucket) {
 
 namespace {
 
-using Shared = CCephStoreBackend::Shared;
+using Shared = CCephDirectBackend::Shared;
 
 // Empties a bucket's tree of its directory levels; stale hidden files of
 // creates that died (nobody holds their lock) go too. 0, or
@@ -136,7 +136,7 @@ int clearLevels(Shared& s, const std::string& path) {
 
 }  // namespace
 
-int CCephStoreBackend::removeBucket(const std::string& bucket) {
+int CCephDirectBackend::removeBucket(const std::string& bucket) {
   REQUIRE_CONNECTED();
   Shared& s = *m_shared;
   std::string path = s.bucketPath(bucket);
@@ -150,12 +150,12 @@ int CCephStoreBackend::removeBucket(const std::string& bucket) {
   return translate(rc);
 }
 
-int CCephStoreBackend::bucketExists(const std::string& bucket) {
+int CCephDirectBackend::bucketExists(const std::string& bucket) {
   REQUIRE_CONNECTED();
   return m_shared->isDirectory(m_shared->bucketPath(bucket)) ? 0 : ZARN_E_NO_SUCH_BUCKET;
 }
 
-int CCephStoreBackend::listBuckets(std::vector<std::string>& out) {
+int CCephDirectBackend::listBuckets(std::vector<std::string>& out) {
   REQUIRE_CONNECTED();
   std::vector<LevelEntry> entries;
   int err = 0;
@@ -171,7 +171,7 @@ int CCephStoreBackend::listBuckets(std::vector<std::string>& out) {
   return 0;
 }
 
-int CCephStoreBackend::bucketUsedBytes(const std::string& bucket, uint64_t& out) {
+int CCephDirectBackend::bucketUsedBytes(const std::string& bucket, uint64_t& out) {
   REQUIRE_CONNECTED();
   int rc = m_shared->dirStatistic(m_shared->bucketPath(bucket), "ceph.dir.rbytes", out);
   if (rc == -ENOENT) return ZARN_E_NO_SUCH_BUCKET;

@@ -28,7 +28,7 @@ constexpr uint32_t kWriteLockPauseMs = 2;
 constexpr uint32_t kMaxGatherSlices = 64;
 constexpr unsigned kStatWant = CEPH_STATX_MODE | CEPH_STATX_SIZE | CEPH_STATX_MTIME | CEPH_STATX_INO;
 
-using Shared = CCephStoreBackend::Shared;
+using Shared = CCephDirectBackend::Shared;
 
 class CCephFile : public IStoreFile {
  public:
@@ -127,7 +127,7 @@ class CCephFile : public IStoreFile {
 
 }  // namespace
 
-bool CCephStoreBackend::Shared::probeWriteLock(int fd) {
+bool CCephDirectBackend::Shared::probeWriteLock(int fd) {
   uint64_t owner = nextOwner.fetch_add(1);
   int rc = ceph_flock(mount, fd, LOCK_SH | LOCK_NB, owner);
   if (rc == 0) {
@@ -137,12 +137,12 @@ bool CCephStoreBackend::Shared::probeWriteLock(int fd) {
   return rc == -EWOULDBLOCK;
 }
 
-std::unique_ptr<IStoreFile> detail::makeCephFile(std::shared_ptr<CCephStoreBackend::Shared> shared, int fd,
+std::unique_ptr<IStoreFile> detail::makeCephFile(std::shared_ptr<CCephDirectBackend::Shared> shared, int fd,
                                                  bool forWrite) {
   return std::make_unique<CCephFile>(std::move(shared), fd, forWrite);
 }
 
-int CCephStoreBackend::openFile(const std::string& bucket, const std::string& name, StoreOpenMode mode,
+int CCephDirectBackend::openFile(const std::string& bucket, const std::string& name, StoreOpenMode mode,
                                 std::unique_ptr<IStoreFile>& out) {
   REQUIRE_CONNECTED();
   if (mode != StoreOpenMode::Read && mode != StoreOpenMode::Write) return ZARN_E_INVALID_ARGUMENT;
@@ -177,7 +177,7 @@ int CCephStoreBackend::openFile(const std::string& bucket, const std::string& na
   return 0;
 }
 
-int CCephStoreBackend::statFile(const std::string& bucket, const std::string& name, StoreFileStat& out) {
+int CCephDirectBackend::statFile(const std::string& bucket, const std::string& name, StoreFileStat& out) {
   REQUIRE_CONNECTED();
   Shared& s = *m_shared;
   std::string path = s.filePath(bucket, name);
@@ -204,7 +204,7 @@ int CCephStoreBackend::statFile(const std::string& bucket, const std::string& na
   return result;
 }
 
-std::string CCephStoreBackend::filePool(const std::string& bucket, const std::string& name) {
+std::string CCephDirectBackend::filePool(const std::string& bucket, const std::string& name) {
   if (!m_shared->connected.load()) return std::string();
   Shared& s = *m_shared;
   int fd = ceph_open(s.mount, s.filePath(bucket, name).c_str(), O_RDONLY, 0);

@@ -1,15 +1,11 @@
 // The CephFS backend's health probe: a statfs (answered by the monitors) and a
-// hidden directory made and removed (answered by the MDS), run on a thread of
-// its own and waited for with a time-out, so that a cluster that stopped
-// answering blocks that thread and not the caller.
+// hidden directory made and removed (answered by the MDS). It blocks while the
+// cluster does not answer; the deadline wrapper bounds what its caller waits.
 #include "CephStoreBackendImpl.h"
 
 #include <sys/statvfs.h>
 
 #include <cerrno>
-#include <chrono>
-#include <mutex>
-#include <thread>
 
 #include "ZarnError.h"
 
@@ -17,14 +13,7 @@ namespace Velto::Zarn {
 
 using detail::translate;
 
-namespace {
-
-// A health probe that has not returned after this long reports the store lost.
-constexpr uint32_t kProbeTimeoutMs = 3000;
-
-}  // namespace
-
-int CCephStoreBackend::Shared::runProbe() {
+int CCephDirectBackend::Shared::runProbe() {
   struct statvfs vfs;
   int rc = ceph_statfs(mount, rootPath().c_str(), &vfs);
   if (rc != 0) return rc;
@@ -35,28 +24,10 @@ int CCephStoreBackend::Shared::runProbe() {
   return rc == -ENOENT ? 0 : rc;
 }
 
-int CCephStoreBackend::probeHealth() {
+int CCephDirectBackend::probeHealth() {
   REQUIRE_CONNECTED();
-  std::shared_ptr<Shared> shared = m_shared;
-  std::unique_lock<std::mutex> lock(shared->probeMutex);
-  // A probe still hanging from an earlier call is waited on again rather than
-  // joined by another: while the cluster is lost, one thread is stuck, not one
-  // per period.
-  if (!shared->probeRunning) {
-    shared->probeRunning = true;
-    std::thread([shared] {
-      int rc = shared->runProbe();
-      std::lock_guard<std::mutex> guard(shared->probeMutex);
-      shared->probeResult = rc;
-      shared->probeRunning = false;
-      ++shared->probeSerial;
-      shared->probeDone.notify_all();
-    }).detach();
-  }
-  uint64_t serial = shared->probeSerial;
-  bool finished = shared->probeDone.wait_for(lock, std::chrono::milliseconds(kProbeTimeoutMs),
-                                             [&] { return shared->probeSerial != serial; });
-  return finished ? (shared->probeResult == 0 ? 0 : translate(shared->probeResult)) : ZARN_E_TIMEOUT;
+  int rc = m_shared->runProbe();
+  return rc == 0 ? 0 : translate(rc);
 }
 
 }  // namespace Velto::Zarn

@@ -14,7 +14,7 @@ namespace Velto::Zarn {
 
 using detail::translate;
 
-bool CCephStoreBackend::Shared::readLevel(const std::string& path, std::vector<LevelEntry>& out, int* err) {
+bool CCephDirectBackend::Shared::readLevel(const std::string& path, std::vector<LevelEntry>& out, int* err) {
   ceph_dir_result* dir = nullptr;
   int rc = ceph_opendir(mount, path.c_str(), &dir);
   if (rc != 0) {
@@ -47,7 +47,7 @@ bool CCephStoreBackend::Shared::readLevel(const std::string& path, std::vector<L
   return true;
 }
 
-bool CCephStoreBackend::Shared::readLevelCached(const std::string& path, std::vector<LevelEntry>& out, int* err) {
+bool CCephDirectBackend::Shared::readLevelCached(const std::string& path, std::vector<LevelEntry>& out, int* err) {
   struct ceph_statx stx;
   int rc = ceph_statx(mount, path.c_str(), &stx, CEPH_STATX_INO | CEPH_STATX_VERSION | CEPH_STATX_MODE, 0);
   if (rc != 0 || !S_ISDIR(stx.stx_mode) || (stx.stx_mask & CEPH_STATX_VERSION) == 0) {
@@ -81,12 +81,12 @@ bool CCephStoreBackend::Shared::readLevelCached(const std::string& path, std::ve
   return true;
 }
 
-uint64_t CCephStoreBackend::levelsRead() const { return m_shared->levelsRead.load(std::memory_order_relaxed); }
-uint64_t CCephStoreBackend::levelCacheHits() const {
+uint64_t CCephDirectBackend::levelsRead() const { return m_shared->levelsRead.load(std::memory_order_relaxed); }
+uint64_t CCephDirectBackend::levelCacheHits() const {
   return m_shared->levelCacheHits.load(std::memory_order_relaxed);
 }
 
-int CCephStoreBackend::list(const std::string& bucket, const std::string& after, const std::string& upTo,
+int CCephDirectBackend::list(const std::string& bucket, const std::string& after, const std::string& upTo,
                             uint32_t maxCount, std::vector<StoreEntry>& out) {
   REQUIRE_CONNECTED();
   Shared& s = *m_shared;

@@ -26,14 +26,14 @@ constexpr int kLevelRetries = 16;
 
 }  // namespace
 
-int CCephStoreBackend::Shared::makeLevels(const std::string& bucketDir, const std::string& name) {
+int CCephDirectBackend::Shared::makeLevels(const std::string& bucketDir, const std::string& name) {
   std::string levels = parentOf(name);
   if (levels.empty()) return 0;
   int rc = ceph_mkdirs(mount, (bucketDir + "/" + levels).c_str(), 0755);
   return rc == -EEXIST ? 0 : rc;
 }
 
-void CCephStoreBackend::Shared::pruneLevels(const std::string& bucketDir, const std::string& name) {
+void CCephDirectBackend::Shared::pruneLevels(const std::string& bucketDir, const std::string& name) {
   std::unique_lock<std::shared_mutex> lock(levelsMutex, std::try_to_lock);
   if (!lock.owns_lock()) return;  // a create is filling levels: leave them to a later removal
   for (std::string rel = parentOf(name); !rel.empty(); rel = parentOf(rel)) {
@@ -41,7 +41,7 @@ void CCephStoreBackend::Shared::pruneLevels(const std::string& bucketDir, const 
   }
 }
 
-std::string CCephStoreBackend::Shared::poolFor(const StoreLayout& layout) {
+std::string CCephDirectBackend::Shared::poolFor(const StoreLayout& layout) {
   auto key = std::make_pair(layout.dataShards, layout.parityShards);
   std::lock_guard<std::mutex> lock(poolMutex);
   auto it = pools.find(key);
@@ -57,12 +57,12 @@ std::string CCephStoreBackend::Shared::poolFor(const StoreLayout& layout) {
   return chosen;
 }
 
-void CCephStoreBackend::Shared::forgetPool(const StoreLayout& layout) {
+void CCephDirectBackend::Shared::forgetPool(const StoreLayout& layout) {
   std::lock_guard<std::mutex> lock(poolMutex);
   pools[std::make_pair(layout.dataShards, layout.parityShards)] = std::string();
 }
 
-int CCephStoreBackend::createFile(const std::string& bucket, const std::string& name, const StoreLayout& layout,
+int CCephDirectBackend::createFile(const std::string& bucket, const std::string& name, const StoreLayout& layout,
                                   std::unique_ptr<IStoreFile>& out) {
   REQUIRE_CONNECTED();
   Shared& s = *m_shared;
@@ -114,7 +114,7 @@ int CCephStoreBackend::createFile(const std::string& bucket, const std::string& 
   return ZARN_E_IO;
 }
 
-int CCephStoreBackend::removeFile(const std::string& bucket, const std::string& name) {
+int CCephDirectBackend::removeFile(const std::string& bucket, const std::string& name) {
   REQUIRE_CONNECTED();
   Shared& s = *m_shared;
   std::string bucketDir = s.bucketPath(bucket);
@@ -133,7 +133,7 @@ int CCephStoreBackend::removeFile(const std::string& bucket, const std::string& 
   return 0;
 }
 
-int CCephStoreBackend::renameFile(const std::string& fromBucket, const std::string& fromName,
+int CCephDirectBackend::renameFile(const std::string& fromBucket, const std::string& fromName,
                                   const std::string& toBucket, const std::string& toName) {
   REQUIRE_CONNECTED();
   Shared& s = *m_shared;

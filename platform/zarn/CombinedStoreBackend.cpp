@@ -31,6 +31,7 @@ class CStoreSideFile : public IStoreFile {
     return noted(m_file->writeGather(slices, count));
   }
   int64_t seek(int64_t offset, int origin) override { return noted(m_file->seek(offset, origin)); }
+  void setCallTimeout(uint32_t ms) override { m_file->setCallTimeout(ms); }
   int64_t tell() override { return noted(m_file->tell()); }
   int stat(StoreFileStat& out) override { return static_cast<int>(noted(m_file->stat(out))); }
   int close() override {
@@ -89,6 +90,8 @@ int CCombinedStoreBackend::probeHealth() {
 }
 
 int CCombinedStoreBackend::capacity(StoreCapacity& out) { return noted(m_store->capacity(out)); }
+// The disks complete every call: the time-out is the store's.
+void CCombinedStoreBackend::setCallTimeout(uint32_t ms) { m_store->setCallTimeout(ms); }
 int CCombinedStoreBackend::setCapacityLimit(uint64_t bytes) { return m_store->setCapacityLimit(bytes); }
 
 int CCombinedStoreBackend::createBucket(const std::string& bucket) {

@@ -53,6 +53,7 @@ class CCombinedStoreBackend : public IStoreBackend {
   int probeHealth() override;
   int capacity(StoreCapacity& out) override;
   int setCapacityLimit(uint64_t bytes) override;
+  void setCallTimeout(uint32_t ms) override;
 
   int createBucket(const std::string& bucket) override;
   int removeBucket(const std::string& bucket) override;

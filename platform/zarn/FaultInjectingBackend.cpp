@@ -1,6 +1,7 @@
 #include "FaultInjectingBackend.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <random>
 #include <vector>
@@ -23,6 +24,9 @@ struct CFaultInjectingBackend::State {
   std::mt19937_64 random;         // guarded by mutex
   std::atomic<uint64_t> counts[static_cast<int>(StoreOp::Count)] = {};
   std::atomic<bool> healthy{true};
+  std::condition_variable hangEnded;
+  uint64_t hangGeneration = 0;  // guarded by mutex; moved on by releaseHangs
+  uint32_t hanging = 0;         // guarded by mutex
 
   int decide(StoreOp op, const std::string& subject) {
     counts[static_cast<int>(op)].fetch_add(1, std::memory_order_relaxed);
@@ -42,6 +46,15 @@ struct CFaultInjectingBackend::State {
       if (r.rule.oneInN > 1 && random() % r.rule.oneInN != 0) return 0;
       ++r.acted;
       chosen = r.rule;
+      if (chosen.hang) {
+        std::unique_lock<std::mutex> wait(mutex, std::adopt_lock);
+        const uint64_t generation = hangGeneration;
+        ++hanging;
+        hangEnded.wait(wait, [&] { return hangGeneration != generation; });
+        --hanging;
+        wait.release();  // the lock_guard above unlocks
+        return 0;
+      }
     }
     // The stall happens outside the lock, so that other calls (and other rules)
     // go on meanwhile, as with a store that hangs on one request.
@@ -95,6 +108,7 @@ class CFaultFile : public IStoreFile {
     int rc = m_target->close();
     return d < 0 ? d : rc;
   }
+  void setCallTimeout(uint32_t ms) override { m_target->setCallTimeout(ms); }
 
  private:
   std::shared_ptr<State> m_state;
@@ -124,6 +138,22 @@ uint64_t CFaultInjectingBackend::callCount(StoreOp op) const {
 }
 
 void CFaultInjectingBackend::setHealthy(bool healthy) { m_state->healthy.store(healthy); }
+
+void CFaultInjectingBackend::releaseHangs() {
+  {
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    ++m_state->hangGeneration;
+    for (State::ActiveRule& r : m_state->rules) {
+      if (r.rule.hang) r.acted = r.rule.times;
+    }
+  }
+  m_state->hangEnded.notify_all();
+}
+
+uint32_t CFaultInjectingBackend::hangingCalls() const {
+  std::lock_guard<std::mutex> lock(m_state->mutex);
+  return m_state->hanging;
+}
 
 int CFaultInjectingBackend::decide(StoreOp op, const std::string& subject) { return m_state->decide(op, subject); }
 

@@ -2,6 +2,9 @@
 // bytes, or stall, the way real stores misbehave: a call failing one in N with
 // a seed, writes that take nothing, a store that goes away mid-write.
 //
+// A hang rule blocks the matching calls until releaseHangs(), whatever thread
+// they run on, as a store whose daemons stopped answering does.
+//
 // Rules are matched in the order added; the first rule whose operation and name
 // filter match and whose budget is not spent decides the call: it lets the call
 // through while it is still skipping or when its one-in-N draw says so, and
@@ -33,6 +36,7 @@ struct FaultRule {
   bool zeroBytes = false;       // FileRead/FileWrite: return 0 bytes instead of an error
   uint32_t stallMs = 0;         // sleep this long before deciding (then fail or pass)
   bool failAfterStall = true;   // with stallMs: fail after the stall, or forward the call
+  bool hang = false;            // block until releaseHangs(), then forward the call (a store that stops answering)
   uint32_t skip = 0;            // let this many matching calls pass first
   uint32_t times = 0xFFFFFFFFu; // then act on this many calls (then the rule is spent)
   uint32_t oneInN = 0;          // act only on a random one in N matching calls (0: every call)
@@ -49,6 +53,11 @@ class CFaultInjectingBackend : public CStoreBackendWrapper {
   uint64_t callCount(StoreOp op) const;
   // While false, probeHealth fails with ZARN_E_UNAVAILABLE.
   void setHealthy(bool healthy);
+  // Lets every call blocked by a hang rule go on (forwarded), and spends the
+  // hang rules, so that later calls pass.
+  void releaseHangs();
+  // Calls blocked by a hang rule right now.
+  uint32_t hangingCalls() const;
 
   int connect(const Config& config) override;
   int probeHealth() override;

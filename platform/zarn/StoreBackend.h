@@ -24,6 +24,13 @@
 //     closed; a second write-open of the same file fails with ZARN_E_BUSY.
 //   * All calls are thread-safe on the backend; one IStoreFile is used by one
 //     thread at a time.
+//   * Time-outs: no call may block its caller for longer than the call time-out
+//     (setCallTimeout: the connection's ZARN_OPT_TIMEOUT_MS, a file's own where
+//     set) plus a small margin; a call the store did not answer in time fails
+//     with ZARN_E_TIMEOUT. A backend whose calls always complete promptly (the
+//     local directory) ignores the time-out and completes every call inline; one
+//     whose client library can block without limit (CephFS) is wrapped in a
+//     CDeadlineBackend (DeadlineBackend.h says what a time-out leaves behind).
 #pragma once
 
 #include <cstdint>
@@ -98,6 +105,8 @@ class IStoreFile {
   virtual int stat(StoreFileStat& out) = 0;
   // Flushes and releases the handle (and the write claim). Called once.
   virtual int close() = 0;
+  // This handle's call time-out in ms; 0 returns to the connection's.
+  virtual void setCallTimeout(uint32_t ms) { (void)ms; }
 };
 
 class IStoreBackend {
@@ -108,6 +117,9 @@ class IStoreBackend {
   // it needs). Called once before any other call.
   virtual int connect(const Config& config) = 0;
   virtual void disconnect() = 0;
+  // The call time-out in ms for this connection's calls (set before connect and
+  // whenever ZARN_OPT_TIMEOUT_MS changes).
+  virtual void setCallTimeout(uint32_t ms) { (void)ms; }
   // 0 while the store is usable; a negative code when it is not.
   virtual int probeHealth() = 0;
   virtual int capacity(StoreCapacity& out) = 0;
@@ -142,6 +154,7 @@ class CStoreBackendWrapper : public IStoreBackend {
 
   int connect(const Config& config) override { return m_target->connect(config); }
   void disconnect() override { m_target->disconnect(); }
+  void setCallTimeout(uint32_t ms) override { m_target->setCallTimeout(ms); }
   int probeHealth() override { return m_target->probeHealth(); }
   int capacity(StoreCapacity& out) override { return m_target->capacity(out); }
   int setCapacityLimit(uint64_t bytes) override { return m_target->setCapacityLimit(bytes); }

@@ -198,6 +198,12 @@ bool CZarnFileSystem::initializeWithBackend(const Config& config, std::shared_pt
   if (impl.connection()) return fail(ZARN_E_INVALID_ARGUMENT, "store already initialized");
 
   const char* address = config.address ? config.address : "";
+  int32_t timeoutMs;
+  {
+    std::lock_guard<std::mutex> lock(impl.mutex);
+    timeoutMs = impl.timeoutMs;
+  }
+  backend->setCallTimeout(static_cast<uint32_t>(timeoutMs));
   int rc = backend->connect(config);
   if (rc != 0) {
     ZLOG_LINE(Kandu::LOG_ERROR, rc, "CZarnFileSystem", "connect to %s failed: %s", address, zarnErrorText(rc));
@@ -215,6 +221,7 @@ bool CZarnFileSystem::initializeWithBackend(const Config& config, std::shared_pt
     return fail(rc, "capacity limit refused");
   }
   auto core = std::make_shared<detail::ClientCore>(backend);
+  core->timeoutMs.store(timeoutMs);
   {
     std::lock_guard<std::mutex> lock(impl.mutex);
     impl.core = core;
@@ -268,8 +275,16 @@ bool CZarnFileSystem::setOption(int32_t option, const void* value, uint32_t leng
     }
     case ZARN_OPT_TIMEOUT_MS: {
       if (!readInt32(value, length, v) || v <= 0) return fail(ZARN_E_INVALID_ARGUMENT, what);
-      std::lock_guard<std::mutex> lock(impl.mutex);
-      impl.timeoutMs = v;
+      std::shared_ptr<detail::ClientCore> core;
+      {
+        std::lock_guard<std::mutex> lock(impl.mutex);
+        impl.timeoutMs = v;
+        core = impl.core;
+      }
+      if (core) {
+        core->timeoutMs.store(v);
+        core->backend->setCallTimeout(static_cast<uint32_t>(v));
+      }
       return true;
     }
     case ZARN_OPT_LOG_PATH: {

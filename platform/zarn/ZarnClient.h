@@ -9,6 +9,19 @@
 // (getLastError, getErrorMsg); codes are in ZarnError.h. Successful calls leave
 // the last error as it was.
 //
+// Time-outs: no call blocks its caller much longer than ZARN_OPT_TIMEOUT_MS (a
+// CFile's own where set), changeable at any time. A call the store did not
+// answer in time fails with ZARN_E_TIMEOUT (with ZARN_E_UNAVAILABLE when so
+// many calls hang that no more are tried); its work may still complete later,
+// never touching the caller's buffers. A file whose call timed out fails every
+// later call at once (ZARN_E_TIMEOUT, then ZARN_E_IO once the hung call ended)
+// and must be reopened; its close returns at once. The state monitor's probe
+// has the same time-out, so a store that stops answering is reported failed
+// (2) within about the time-out plus ZARN_OPT_HEALTH_PERIOD_MS, and usable (1)
+// again once a probe succeeds on the same connection. The local store
+// completes every call inline; initialize() is bounded by the backend's own
+// connect time-out (CephFS: 10 s), not by this one.
+//
 // Threading: CZarnFileSystem and CBucket may be used from any thread at once. A
 // CFile is used by one thread at a time. Store state callbacks (IZarnListener)
 // arrive on the state monitor's timer thread; file state callbacks
@@ -39,7 +52,7 @@ class CFile;
 // without a terminator.
 enum ZarnOption : int32_t {
   ZARN_OPT_CLIENT_MODE = 0,       // int32, informational (the media client sets 3)
-  ZARN_OPT_TIMEOUT_MS = 2,        // int32, time-out of one store call in ms (default 5000)
+  ZARN_OPT_TIMEOUT_MS = 2,        // int32, time-out of one store call in ms (default 5000); see below
   ZARN_OPT_LOG_PATH = 3,          // text, directory of the store client's log ("" = with the library's)
   ZARN_OPT_LOG_LEVEL = 4,         // int32, 0 trace .. 5 off
   ZARN_OPT_CAPACITY_LIMIT = 5,    // uint64 bytes: report at most this total (0 = the file system's)
@@ -125,9 +138,10 @@ class CFile {
   int64_t seek(int64_t offset, int origin);
   int64_t tell();
   bool stat(ZarnFileStat& out);
-  // File options: ZARN_OPT_TIMEOUT_MS (int32, this file's call time-out; the
-  // local store completes every call and only records it). Others are refused
-  // with ZARN_E_INVALID_ARGUMENT.
+  // File options: ZARN_OPT_TIMEOUT_MS (int32, this file's call time-out; until
+  // set, the connection's, followed as it changes; the local store completes
+  // every call and only records it). Others are refused with
+  // ZARN_E_INVALID_ARGUMENT.
   bool setOption(int32_t option, const void* value, uint32_t length);
   bool getOption(int32_t option, void* value, uint32_t& length) const;
   void setListener(IFileListener* listener) { m_listener.store(listener); }
@@ -157,7 +171,7 @@ class CFile {
   StoreOpenMode m_mode;
   std::atomic<IFileListener*> m_listener{nullptr};
   int32_t m_state = ZARN_FILE_STATE_NORMAL;
-  int32_t m_timeoutMs = 5000;
+  int32_t m_timeoutMs = 0;  // this file's own call time-out; 0: the connection's
 };
 
 class CZarnFileSystem {

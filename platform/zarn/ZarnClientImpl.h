@@ -21,6 +21,7 @@ struct ClientCore {
   explicit ClientCore(std::shared_ptr<IStoreBackend> b) : backend(std::move(b)) {}
   const std::shared_ptr<IStoreBackend> backend;
   std::atomic<bool> open{true};
+  std::atomic<int32_t> timeoutMs{5000};  // the connection's ZARN_OPT_TIMEOUT_MS, for files without their own
 };
 
 // A connection that was made and is not closed yet.

@@ -125,6 +125,7 @@ bool CFile::setOption(int32_t option, const void* value, uint32_t length) {
   std::memcpy(&v, value, sizeof v);
   if (v <= 0) return ::Velto::Zarn::fail(ZARN_E_INVALID_ARGUMENT, "time-out must be positive");
   m_timeoutMs = v;
+  if (m_file) m_file->setCallTimeout(static_cast<uint32_t>(v));
   return true;
 }
 
@@ -132,7 +133,8 @@ bool CFile::getOption(int32_t option, void* value, uint32_t& length) const {
   if (option != ZARN_OPT_TIMEOUT_MS || value == nullptr || length < sizeof(int32_t)) {
     return ::Velto::Zarn::fail(ZARN_E_INVALID_ARGUMENT, "file option " + std::to_string(option));
   }
-  std::memcpy(value, &m_timeoutMs, sizeof m_timeoutMs);
+  const int32_t timeoutMs = m_timeoutMs != 0 ? m_timeoutMs : (m_core ? m_core->timeoutMs.load() : 0);
+  std::memcpy(value, &timeoutMs, sizeof timeoutMs);
   length = sizeof(int32_t);
   return true;
 }

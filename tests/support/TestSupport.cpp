@@ -280,7 +280,9 @@ int CChildProcess::stop() {
 }
 
 bool initializePeerClient(Velto::Zarn::CMediaClientInternal& client, const std::string& address, uint64_t& clientId) {
-  auto made = std::make_shared<std::shared_ptr<Velto::Zarn::IStoreBackend>>();
+  // Weak: the registry lives for the process, and a backend it kept would never
+  // unmount, leaving a stale session that makes other clients wait for it.
+  auto made = std::make_shared<std::weak_ptr<Velto::Zarn::IStoreBackend>>();
   Velto::Zarn::registerStoreBackend("testpeer", [address, made](const std::string&,
                                                                 std::shared_ptr<Velto::Zarn::IStoreBackend>& out) {
     const int rc = Velto::Zarn::makeStoreBackend(address, out, nullptr);
@@ -290,7 +292,7 @@ bool initializePeerClient(Velto::Zarn::CMediaClientInternal& client, const std::
   if (client.initialize(Velto::Zarn::Config{"testpeer://store", 0, "root", ""}, nullptr) != 0) return false;
   clientId = 0;
 #ifdef ZARN_WITH_CEPH
-  if (auto* ceph = dynamic_cast<Velto::Zarn::CCephStoreBackend*>(made->get())) clientId = ceph->clientId();
+  if (auto* ceph = dynamic_cast<Velto::Zarn::CCephStoreBackend*>(made->lock().get())) clientId = ceph->clientId();
 #endif
   return true;
 }
