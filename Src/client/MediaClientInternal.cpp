@@ -201,6 +201,11 @@ int CMediaClientInternal::initialize(const Config& config, Velto::Kandu::TFuncti
     // through the combined store, the cover engine's own included.
     if (m_localStore.configure(CMediaContext::instance().config())) {
       m_cover->setConnector([this](CZarnFileSystem& f, const Config& c) { return m_localStore.connect(f, c); });
+      // The files writers left in the store when it failed get their index
+      // as soon as it is back.
+      m_localStore.setReleasedSink([this](const std::vector<std::string>& paths) {
+        for (const std::string& path : paths) m_indexFixer->submitFixWork(*m_fs, path);
+      });
     }
     const bool connected = config.address != nullptr &&
                            (m_localStore.isSupport() ? m_localStore.connect(fs, config) : fs.initialize(config));

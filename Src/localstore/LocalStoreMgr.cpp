@@ -28,7 +28,8 @@ bool CLocalStoreMgr::configure(const CMediaConfig& config) {
   m_migratePeriodMs = static_cast<uint32_t>(std::max(periodS, 1)) * 1000u;
   config.getStdFileConfigFileName(m_statePath);
   if (!m_statePath.empty()) m_state.load(m_statePath);
-  disks->setStateListener([this](bool usable) { onStoreState(usable); });
+  disks->setStateListener(
+      [this](bool usable, const std::vector<std::string>& released) { onStoreState(usable, released); });
   m_disks = std::move(disks);
   CMediaValues::instance().localStoreSupported.store(true);
   ZLOG(INFO, "CLocalStoreMgr", 0, "local store on %zu of %zu disks\n", m_disks->usableCount(), roots.size());
@@ -94,7 +95,8 @@ bool CLocalStoreMgr::onSDKState(uint32_t state) {
   return wasUsable != m_disks->storeUsable();
 }
 
-void CLocalStoreMgr::onStoreState(bool usable) {
+void CLocalStoreMgr::onStoreState(bool usable, const std::vector<std::string>& released) {
+  if (!released.empty() && m_releasedSink) m_releasedSink(released);
   CMediaValues::instance().localStoreInUse.store(!usable);
   {
     Velto::Kandu::CAutoLock lock(m_stateMutex);
@@ -130,6 +132,8 @@ bool CLocalStoreMgr::writeStateFile() {
 }
 
 void CLocalStoreMgr::stop() {
+  // The disks may outlive this manager (writers keep their connections).
+  if (m_disks) m_disks->setStateListener(nullptr);
   if (m_migration) m_migration->stop();
   if (isSupport()) writeStateFile();
 }

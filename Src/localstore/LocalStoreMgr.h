@@ -23,6 +23,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -70,6 +71,11 @@ class CLocalStoreMgr {
   bool onSDKState(uint32_t state);
   // Stops migration and writes the state file.
   void stop();
+  // Told, once the store is usable again, the store files writers left when
+  // it failed (open names, no index), for index repair.
+  void setReleasedSink(std::function<void(const std::vector<std::string>& paths)> sink) {
+    m_releasedSink = std::move(sink);
+  }
 
   // Tests and tools.
   CLocalDiskSet* disks() { return m_disks.get(); }
@@ -88,7 +94,7 @@ class CLocalStoreMgr {
   bool writeStateFile();
 
  private:
-  void onStoreState(bool usable);
+  void onStoreState(bool usable, const std::vector<std::string>& released);
 
   Velto::Kandu::IClock& m_clock;
   std::atomic<bool> m_configured{false};
@@ -101,6 +107,7 @@ class CLocalStoreMgr {
   LocalStoreState m_state;  // guarded by m_stateMutex
   std::unique_ptr<CMigration> m_migration;
   std::atomic<bool> m_loggedIn{false};
+  std::function<void(const std::vector<std::string>&)> m_releasedSink;
 };
 
 }  // namespace Velto::Zarn

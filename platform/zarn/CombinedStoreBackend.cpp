@@ -18,8 +18,9 @@ constexpr uint32_t kCopyChunk = 1u << 20;
 // and its close leaves the handle to the disk set instead of blocking.
 class CStoreSideFile : public IStoreFile {
  public:
-  CStoreSideFile(std::unique_ptr<IStoreFile> file, std::shared_ptr<CLocalDiskSet> disks, bool forWrite)
-      : m_file(std::move(file)), m_disks(std::move(disks)), m_forWrite(forWrite) {}
+  CStoreSideFile(std::unique_ptr<IStoreFile> file, std::shared_ptr<CLocalDiskSet> disks, bool forWrite,
+                 std::string path)
+      : m_file(std::move(file)), m_disks(std::move(disks)), m_forWrite(forWrite), m_path(std::move(path)) {}
 
   int64_t read(void* buffer, uint32_t length) override { return noted(m_file->read(buffer, length)); }
   int64_t write(const void* buffer, uint32_t length) override {
@@ -36,7 +37,7 @@ class CStoreSideFile : public IStoreFile {
   int stat(StoreFileStat& out) override { return static_cast<int>(noted(m_file->stat(out))); }
   int close() override {
     if (m_forWrite && !m_disks->storeUsable()) {
-      m_disks->retire(std::move(m_file));
+      m_disks->retire(std::move(m_file), m_path);
       return ZARN_E_UNAVAILABLE;
     }
     return static_cast<int>(noted(m_file->close()));
@@ -50,6 +51,7 @@ class CStoreSideFile : public IStoreFile {
   std::unique_ptr<IStoreFile> m_file;
   std::shared_ptr<CLocalDiskSet> m_disks;
   bool m_forWrite;
+  std::string m_path;  // "bucket/name"
 };
 
 // Two path stripes taken in address order (once when they are the same).
@@ -196,7 +198,7 @@ int CCombinedStoreBackend::createFile(const std::string& bucket, const std::stri
     std::unique_ptr<IStoreFile> file;
     const int rc = m_store->createFile(bucket, name, layout, file);
     if (rc == 0) {
-      out = std::make_unique<CStoreSideFile>(std::move(file), m_disks, true);
+      out = std::make_unique<CStoreSideFile>(std::move(file), m_disks, true, bucket + "/" + name);
       return 0;
     }
     if (!isStoreFault(rc)) return rc;
@@ -229,7 +231,9 @@ int CCombinedStoreBackend::openFile(const std::string& bucket, const std::string
   if (!m_disks->storeUsable()) return ZARN_E_UNAVAILABLE;
   std::unique_ptr<IStoreFile> file;
   const int rc = noted(m_store->openFile(bucket, name, mode, file));
-  if (rc == 0) out = std::make_unique<CStoreSideFile>(std::move(file), m_disks, mode == StoreOpenMode::Write);
+  if (rc == 0) {
+    out = std::make_unique<CStoreSideFile>(std::move(file), m_disks, mode == StoreOpenMode::Write, bucket + "/" + name);
+  }
   return rc;
 }
 

@@ -119,13 +119,14 @@ void CLocalDiskSet::noteProbe(int result) {
 
 void CLocalDiskSet::setStoreFailed(bool failed) { changeState(failed); }
 
-void CLocalDiskSet::setStateListener(std::function<void(bool)> listener) {
+void CLocalDiskSet::setStateListener(StateListener listener) {
+  std::lock_guard<std::mutex> notifying(m_notifyMutex);  // after a notification under way
   std::lock_guard<std::mutex> lock(m_stateMutex);
   m_listener = std::move(listener);
 }
 
 void CLocalDiskSet::changeState(bool failed) {
-  std::function<void(bool)> listener;
+  StateListener listener;
   {
     std::lock_guard<std::mutex> lock(m_stateMutex);
     m_goodProbes = 0;
@@ -136,8 +137,14 @@ void CLocalDiskSet::changeState(bool failed) {
   }
   ZLOG_LINE(failed ? Kandu::LOG_WARN : Kandu::LOG_INFO, 0, "CLocalDiskSet",
             "store %s: new files go to %s", failed ? "failed" : "usable again", failed ? "local disks" : "the store");
-  if (!failed) closeRetired();
-  if (listener) listener(!failed);
+  std::vector<std::string> released;
+  if (!failed) released = closeRetired();
+  std::lock_guard<std::mutex> notifying(m_notifyMutex);
+  {
+    std::lock_guard<std::mutex> lock(m_stateMutex);
+    listener = m_listener;  // as it is now: a listener removed meanwhile is not told
+  }
+  if (listener) listener(!failed, released);
 }
 
 std::mutex& CLocalDiskSet::pathLock(const std::string& bucket, const std::string& name) {
@@ -145,19 +152,23 @@ std::mutex& CLocalDiskSet::pathLock(const std::string& bucket, const std::string
   return m_stripes[h % kPathLockStripes];
 }
 
-void CLocalDiskSet::retire(std::unique_ptr<IStoreFile> file) {
+void CLocalDiskSet::retire(std::unique_ptr<IStoreFile> file, std::string path) {
   std::lock_guard<std::mutex> lock(m_retiredMutex);
-  m_retired.push_back(std::move(file));
+  m_retired.emplace_back(std::move(file), std::move(path));
 }
 
-size_t CLocalDiskSet::closeRetired() {
-  std::vector<std::unique_ptr<IStoreFile>> files;
+std::vector<std::string> CLocalDiskSet::closeRetired() {
+  std::vector<std::pair<std::unique_ptr<IStoreFile>, std::string>> files;
   {
     std::lock_guard<std::mutex> lock(m_retiredMutex);
     files.swap(m_retired);
   }
-  for (auto& f : files) f->close();
-  return files.size();
+  std::vector<std::string> paths;
+  for (auto& [file, path] : files) {
+    file->close();
+    paths.push_back(std::move(path));
+  }
+  return paths;
 }
 
 }  // namespace Velto::Zarn

@@ -70,17 +70,21 @@ class CLocalDiskSet {
   void noteProbe(int result);
   // The client's own view (the state monitor's 2 or 1, after its anti-shake).
   void setStoreFailed(bool failed);
-  // Told on every change of storeUsable(), outside the set's locks.
-  void setStateListener(std::function<void(bool usable)> listener);
+  // Told on every change of storeUsable(), outside the set's locks; when the
+  // store is usable again, with the paths of the store files closed then
+  // (retire): files a writer left when the store failed, without their index.
+  using StateListener = std::function<void(bool usable, const std::vector<std::string>& released)>;
+  void setStateListener(StateListener listener);
 
   // Moves of one name (a rename, a removal, a migration's final step) hold
   // its stripe, so a file is never in two places or none to a caller.
   std::mutex& pathLock(const std::string& bucket, const std::string& name);
 
-  // A write handle on the store left behind when the store failed: closed
-  // (flushing what the store client still buffers) once the store is usable.
-  void retire(std::unique_ptr<IStoreFile> file);
-  size_t closeRetired();
+  // A write handle on the store file `path` left behind when the store failed:
+  // closed (flushing what the store client still buffers) once the store is
+  // usable. closeRetired closes them now and returns their paths.
+  void retire(std::unique_ptr<IStoreFile> file, std::string path);
+  std::vector<std::string> closeRetired();
 
  private:
   struct Disk {
@@ -97,9 +101,10 @@ class CLocalDiskSet {
   std::atomic<uint64_t> m_outages{0};
   std::mutex m_stateMutex;  // guards m_goodProbes, m_listener, state changes
   int m_goodProbes = 0;
-  std::function<void(bool)> m_listener;
+  StateListener m_listener;
+  std::mutex m_notifyMutex;  // held while the listener is told; setStateListener waits on it
   std::mutex m_retiredMutex;
-  std::vector<std::unique_ptr<IStoreFile>> m_retired;
+  std::vector<std::pair<std::unique_ptr<IStoreFile>, std::string>> m_retired;
   std::mutex m_stripes[kPathLockStripes];
 };
 
