@@ -143,21 +143,15 @@ bool CRecordFile::openForRead() {
 
 int64_t CRecordFile::write(const void* buffer, uint32_t length) {
   requireMode(MODE_WRITE);
-  if (!m_file) return -1;
-  int64_t n = m_file->write(buffer, length);
-  if (n > 0) {
-    m_dataLength += static_cast<uint64_t>(n);
-  } else if (n < 0 && m_dataLength == 0) {
-    m_emptyFile = true;
-    ZLOG(ERROR, "CRecordFile", getLastError(), "Write failed. empty file need clear\n");
-  }
-  return n;
+  return m_file ? counted(m_file->write(buffer, length)) : -1;
 }
 
 int64_t CRecordFile::writeGather(const StoreSlice* slices, uint32_t count) {
   requireMode(MODE_WRITE);
-  if (!m_file) return -1;
-  int64_t n = m_file->writeGather(slices, count);
+  return m_file ? counted(m_file->writeGather(slices, count)) : -1;
+}
+
+int64_t CRecordFile::counted(int64_t n) {
   if (n > 0) {
     m_dataLength += static_cast<uint64_t>(n);
   } else if (n < 0 && m_dataLength == 0) {

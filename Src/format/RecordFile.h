@@ -155,6 +155,9 @@ class CRecordFile : public IFileListener {
 
  private:
   void requireMode(Mode mode) const;
+  // A write's result, with its bytes counted in D (and a first write's
+  // failure marking the file empty).
+  int64_t counted(int64_t n);
   int64_t storeRead(void* buffer, uint32_t length);
   // `indexFile`: the info ends a separate index file, not this record file.
   bool loadRecordInfo(CFile& file, bool indexFile);

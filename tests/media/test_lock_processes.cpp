@@ -51,6 +51,8 @@ class LockProcessesTest : public ::testing::TestWithParam<Store> {
     m_address = GetParam().cluster ? ZarnTest::clusterRoot("locks") : m_dir.sub("store");
     if (m_address.empty()) GTEST_SKIP() << ZarnTest::kNoCluster;
     ASSERT_EQ(m_client.initialize(Config{m_address.c_str(), 0, "root", ""}, nullptr), 0);
+    const int32_t timeoutMs = ZarnTest::kPeerCallTimeoutMs;  // as its peers: see initializePeerClient
+    m_client.storeForTest()->setOption(ZARN_OPT_TIMEOUT_MS, &timeoutMs, sizeof(timeoutMs));
     // Files of 1, 2 and 3 MiB (plus a few bytes), the index inside.
     for (uint32_t stream : kStreams) {
       for (uint32_t i = 0; i < kFiles; ++i) {

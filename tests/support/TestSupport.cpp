@@ -290,6 +290,11 @@ bool initializePeerClient(Velto::Zarn::CMediaClientInternal& client, const std::
     return rc;
   });
   if (client.initialize(Velto::Zarn::Config{"testpeer://store", 0, "root", ""}, nullptr) != 0) return false;
+  // Peers contend for one ledger file: on the loopback cluster a rename may
+  // wait on another client's capabilities for longer than the default call
+  // time-out, and a rename abandoned then may still happen later.
+  const int32_t timeoutMs = kPeerCallTimeoutMs;
+  client.storeForTest()->setOption(Velto::Zarn::ZARN_OPT_TIMEOUT_MS, &timeoutMs, sizeof(timeoutMs));
   clientId = 0;
 #ifdef ZARN_WITH_CEPH
   if (auto* ceph = dynamic_cast<Velto::Zarn::CCephStoreBackend*>(made->lock().get())) clientId = ceph->clientId();

@@ -170,6 +170,8 @@ class CChildProcess {
 // `address` through a backend made here, so that the store's id of this
 // client (CephFS; 0 elsewhere) can be told to the test that may kill the
 // process and must then evict it. false when the store cannot be opened.
+// Its store calls wait up to kPeerCallTimeoutMs.
+inline constexpr int32_t kPeerCallTimeoutMs = 120000;
 bool initializePeerClient(Velto::Zarn::CMediaClientInternal& client, const std::string& address, uint64_t& clientId);
 
 }  // namespace ZarnTest
