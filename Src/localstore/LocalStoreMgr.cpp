@@ -68,7 +68,6 @@ bool CLocalStoreMgr::connect(CZarnFileSystem& fs, const Config& config) {
 }
 
 void CLocalStoreMgr::onLoginSDK(CZarnFileSystem* fs) {
-  m_loggedIn.store(fs != nullptr);
   if (!isSupport() || fs == nullptr || m_migration) return;
   // The first run a period after login: recording that resumes after a
   // restart settles first.

@@ -106,7 +106,6 @@ class CLocalStoreMgr {
   Velto::Kandu::CMutex m_stateMutex;
   LocalStoreState m_state;  // guarded by m_stateMutex
   std::unique_ptr<CMigration> m_migration;
-  std::atomic<bool> m_loggedIn{false};
   std::function<void(const std::vector<std::string>&)> m_releasedSink;
 };
 

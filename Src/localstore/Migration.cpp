@@ -80,7 +80,7 @@ std::vector<CMigration::Candidate> CMigration::collect() {
         for (StoreEntry& e : page) {
           RecordFileName record;
           if (!parseListedRecordFileName(bucket + "/" + e.name, record)) continue;
-          out.push_back(Candidate{static_cast<uint32_t>(d), bucket, std::move(e.name), e.size, record.beginTime});
+          out.push_back(Candidate{static_cast<uint32_t>(d), bucket, std::move(e.name), e.size, record});
         }
         if (page.size() < kListPage) break;
         after = out.back().name;
@@ -88,7 +88,7 @@ std::vector<CMigration::Candidate> CMigration::collect() {
     }
   }
   std::stable_sort(out.begin(), out.end(),
-                   [](const Candidate& a, const Candidate& b) { return a.beginTime < b.beginTime; });
+                   [](const Candidate& a, const Candidate& b) { return a.record.beginTime < b.record.beginTime; });
   return out;
 }
 
@@ -120,13 +120,11 @@ CMigration::PassResult CMigration::runPass() {
     m_pacedBytes = 0;
     for (const Candidate& c : collect()) {
       if (m_stopping.load() || !disks.storeUsable()) break;
-      RecordFileName record;
-      parseListedRecordFileName(c.bucket + "/" + c.name, record);
       uint64_t copied = 0;
       const int rc = m_backend->migrateFile(
           c.disk, c.bucket, c.name, kSystemBucket, kTempFolder + c.bucket + "/" + c.name,
           StoreLayout{CMediaValues::instance().ecDataNum.load(), CMediaValues::instance().ecParityNum.load()},
-          [&record](IStoreFile& copy, uint64_t size) { return verifyCopy(copy, size, record); },
+          [&c](IStoreFile& copy, uint64_t size) { return verifyCopy(copy, size, c.record); },
           [this](uint64_t bytes) { pace(bytes); }, &m_stopping, copied);
       if (rc != 0 && m_stopping.load()) break;  // cut short, not failed
       if (rc == 0) {

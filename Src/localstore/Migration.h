@@ -26,6 +26,7 @@
 #include "KanduSync.h"
 #include "KanduTimer.h"
 #include "LocalStoreState.h"
+#include "RecordFileName.h"
 
 namespace Velto::Zarn {
 
@@ -64,7 +65,7 @@ class CMigration {
     std::string bucket;
     std::string name;
     uint64_t size;
-    uint32_t beginTime;
+    RecordFileName record;  // parsed from the full name
   };
   std::vector<Candidate> collect();
   void pace(uint64_t bytes);

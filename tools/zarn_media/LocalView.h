@@ -27,14 +27,7 @@ class COptions;
 
 class CLocalView {
  public:
-  struct Disk {
-    std::string path;  // as configured
-    bool usable = false;
-    uint64_t totalBytes = 0;
-    uint64_t freeBytes = 0;
-    uint64_t awaitingFiles = 0;
-    uint64_t awaitingBytes = 0;
-  };
+  using Disk = Velto::Zarn::LocalDiskReport;  // path as configured
   struct StreamAwaiting {
     uint64_t files = 0;
     uint64_t bytes = 0;
